@@ -1,0 +1,449 @@
+// POSIX implementation of the operating-system layer.
+#if !defined(_WIN32)
+
+#include "platform.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <new>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#if defined(__linux__)
+#include <sys/sysinfo.h>
+#endif
+
+namespace zk::platform {
+
+// ---------------------------------------------------------------------------
+// Fault seam.
+namespace {
+struct FaultCounter {
+    std::atomic<int> armed{0};
+    std::atomic<long> calls{0};
+};
+FaultCounter g_faults[static_cast<int>(FaultKind::Count_)];
+}  // namespace
+
+void inject_failure(FaultKind kind, int nth) { g_faults[static_cast<int>(kind)].armed.store(nth); }
+
+long fault_calls(FaultKind kind) { return g_faults[static_cast<int>(kind)].calls.load(); }
+
+void reset_fault_counters() {
+    for (auto& f : g_faults) {
+        f.armed.store(0);
+        f.calls.store(0);
+    }
+}
+
+bool should_fail(FaultKind kind) {
+    auto& f = g_faults[static_cast<int>(kind)];
+    f.calls.fetch_add(1);
+    int armed = f.armed.load();
+    while (armed > 0) {
+        if (f.armed.compare_exchange_weak(armed, armed - 1)) return armed == 1;
+    }
+    return false;
+}
+
+// ---------------------------------------------------------------------------
+// Runtime heap.
+void* heap_alloc(std::size_t size) {
+    if (should_fail(FaultKind::Allocation)) return nullptr;
+    return std::malloc(size ? size : 1);
+}
+
+void* heap_calloc(std::size_t count, std::size_t size) {
+    if (should_fail(FaultKind::Allocation)) return nullptr;
+    if (count == 0 || size == 0) return std::calloc(1, 1);
+    return std::calloc(count, size);
+}
+
+void* heap_realloc(void* pointer, std::size_t size) {
+    if (should_fail(FaultKind::Allocation)) return nullptr;
+    return std::realloc(pointer, size ? size : 1);
+}
+
+void heap_free(void* pointer) { std::free(pointer); }
+
+// ---------------------------------------------------------------------------
+// Movable blocks, emulated: the handle is a small descriptor; the data is a
+// heap block preceded by a prefix that leads back to the descriptor, so that
+// block_from_pointer works as the global-memory service's handle lookup does.
+namespace {
+constexpr std::uint64_t kBlockMagic = 0x7A6B626C6F636B31ull;  // "zkblock1"
+struct Block {
+    std::uint64_t magic;
+    std::size_t size;
+    int locks;
+    unsigned char* storage;  // prefix + data
+};
+struct alignas(16) Prefix {
+    std::uint64_t magic;
+    Block* block;
+};
+unsigned char* data_of(Block* b) { return b->storage + sizeof(Prefix); }
+}  // namespace
+
+BlockHandle block_alloc(std::size_t size, bool zero) {
+    if (should_fail(FaultKind::Allocation)) return nullptr;
+    if (size > SIZE_MAX - sizeof(Prefix)) return nullptr;
+    auto* b = static_cast<Block*>(std::malloc(sizeof(Block)));
+    if (!b) return nullptr;
+    auto* storage = static_cast<unsigned char*>(zero ? std::calloc(1, sizeof(Prefix) + size)
+                                                     : std::malloc(sizeof(Prefix) + size));
+    if (!storage) {
+        std::free(b);
+        return nullptr;
+    }
+    *b = Block{kBlockMagic, size, 0, storage};
+    Prefix p{kBlockMagic, b};
+    std::memcpy(storage, &p, sizeof p);
+    return b;
+}
+
+void* block_lock(BlockHandle handle) {
+    auto* b = static_cast<Block*>(handle);
+    if (!b || b->magic != kBlockMagic) return nullptr;
+    ++b->locks;
+    return data_of(b);
+}
+
+bool block_unlock(BlockHandle handle) {
+    auto* b = static_cast<Block*>(handle);
+    if (!b || b->magic != kBlockMagic) return false;
+    if (b->locks > 0) --b->locks;
+    return b->locks > 0;
+}
+
+BlockHandle block_realloc(BlockHandle handle, std::size_t size, bool zero_growth) {
+    auto* b = static_cast<Block*>(handle);
+    if (!b || b->magic != kBlockMagic) return nullptr;
+    if (should_fail(FaultKind::Allocation)) return nullptr;
+    if (size > SIZE_MAX - sizeof(Prefix)) return nullptr;
+    auto* storage = static_cast<unsigned char*>(std::realloc(b->storage, sizeof(Prefix) + size));
+    if (!storage) return nullptr;
+    if (zero_growth && size > b->size) std::memset(storage + sizeof(Prefix) + b->size, 0, size - b->size);
+    b->storage = storage;
+    b->size = size;
+    return b;
+}
+
+void block_free(BlockHandle handle) {
+    auto* b = static_cast<Block*>(handle);
+    if (!b || b->magic != kBlockMagic) return;
+    Prefix p{};
+    std::memcpy(b->storage, &p, sizeof p);
+    std::free(b->storage);
+    b->magic = 0;
+    std::free(b);
+}
+
+BlockHandle block_from_pointer(const void* pointer) {
+    if (!pointer) return nullptr;
+    Prefix p;
+    std::memcpy(&p, static_cast<const unsigned char*>(pointer) - sizeof(Prefix), sizeof p);
+    if (p.magic != kBlockMagic || !p.block || p.block->magic != kBlockMagic) return nullptr;
+    if (data_of(p.block) != pointer) return nullptr;
+    return p.block;
+}
+
+std::size_t block_size(BlockHandle handle) {
+    auto* b = static_cast<Block*>(handle);
+    return (b && b->magic == kBlockMagic) ? b->size : 0;
+}
+
+// ---------------------------------------------------------------------------
+// Files.
+FileHandle file_open(const std::string& path, const OpenOptions& o) {
+    if (should_fail(FaultKind::File)) return kNoFile;
+    int flags = O_CLOEXEC;
+    switch (o.access) {
+        case Access::Read: flags |= O_RDONLY; break;
+        case Access::Write: flags |= O_WRONLY; break;
+        case Access::ReadWrite: flags |= O_RDWR; break;
+    }
+    switch (o.disposition) {
+        case Disposition::OpenExisting: break;
+        case Disposition::CreateAlways: flags |= O_CREAT | O_TRUNC; break;
+        case Disposition::TruncateExisting: flags |= O_TRUNC; break;
+        case Disposition::OpenAlways: flags |= O_CREAT; break;
+    }
+    mode_t mode = o.read_only_attribute ? 0444 : 0666;
+    int fd;
+    do {
+        fd = ::open(path.c_str(), flags, mode);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) return kNoFile;
+    if (o.delete_on_close) ::unlink(path.c_str());
+    return fd;
+}
+
+std::int64_t file_read(FileHandle file, void* buffer, std::size_t count) {
+    if (file < 0) return -1;
+    if (should_fail(FaultKind::File)) return -1;
+    auto* p = static_cast<unsigned char*>(buffer);
+    std::size_t done = 0;
+    while (done < count) {
+        ssize_t n = ::read(static_cast<int>(file), p + done, count - done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        if (n == 0) break;
+        done += static_cast<std::size_t>(n);
+    }
+    return static_cast<std::int64_t>(done);
+}
+
+std::int64_t file_write(FileHandle file, const void* buffer, std::size_t count) {
+    if (file < 0) return -1;
+    if (should_fail(FaultKind::File)) return -1;
+    auto* p = static_cast<const unsigned char*>(buffer);
+    std::size_t done = 0;
+    while (done < count) {
+        ssize_t n = ::write(static_cast<int>(file), p + done, count - done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        if (n == 0) break;
+        done += static_cast<std::size_t>(n);
+    }
+    return static_cast<std::int64_t>(done);
+}
+
+std::int64_t file_seek(FileHandle file, std::int64_t offset, int origin) {
+    if (file < 0) return -1;
+    if (should_fail(FaultKind::File)) return -1;
+    int whence = origin == 0 ? SEEK_SET : origin == 1 ? SEEK_CUR : origin == 2 ? SEEK_END : -1;
+    if (whence < 0) return -1;
+    off_t r = ::lseek(static_cast<int>(file), static_cast<off_t>(offset), whence);
+    return r < 0 ? -1 : static_cast<std::int64_t>(r);
+}
+
+bool file_set_size(FileHandle file, std::uint64_t size) {
+    if (file < 0) return false;
+    if (should_fail(FaultKind::File)) return false;
+    return ::ftruncate(static_cast<int>(file), static_cast<off_t>(size)) == 0;
+}
+
+bool file_close(FileHandle file) {
+    if (file < 0) return false;
+    return ::close(static_cast<int>(file)) == 0;
+}
+
+bool file_delete(const std::string& path) { return ::unlink(path.c_str()) == 0; }
+
+char path_separator() { return '/'; }
+
+std::string temp_directory() {
+    const char* names[] = {"TMPDIR", "TMP", "TEMP"};
+    std::string dir;
+    for (const char* n : names) {
+        const char* v = std::getenv(n);
+        if (v && *v) {
+            dir = v;
+            break;
+        }
+    }
+    if (dir.empty()) dir = "/tmp";
+    if (dir.back() != '/') dir.push_back('/');
+    return dir;
+}
+
+std::string unique_temp_name(const std::string& directory, const std::string& prefix) {
+    if (should_fail(FaultKind::File)) return {};
+    static std::atomic<unsigned> counter{static_cast<unsigned>(::getpid()) * 2654435761u ^
+                                         static_cast<unsigned>(std::time(nullptr))};
+    std::string dir = directory;
+    if (!dir.empty() && dir.back() != '/') dir.push_back('/');
+    for (int attempt = 0; attempt < 65536; ++attempt) {
+        unsigned n = counter.fetch_add(1) & 0xFFFFu;
+        char name[32];
+        std::snprintf(name, sizeof name, "%04X.TMP", n);
+        std::string path = dir + prefix + name;
+        int fd = ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0666);
+        if (fd >= 0) {
+            ::close(fd);
+            return path;
+        }
+        if (errno != EEXIST) return {};
+    }
+    return {};
+}
+
+std::string to_utf8(const wchar_t* text) {
+    std::string out;
+    if (!text) return out;
+    for (const wchar_t* p = text; *p; ++p) {
+        std::uint32_t c = static_cast<std::uint32_t>(*p);
+        if (sizeof(wchar_t) == 2 && c >= 0xD800 && c < 0xDC00 && p[1] >= 0xDC00 && p[1] < 0xE000) {
+            c = 0x10000 + ((c - 0xD800) << 10) + (static_cast<std::uint32_t>(p[1]) - 0xDC00);
+            ++p;
+        }
+        if (c < 0x80) {
+            out.push_back(static_cast<char>(c));
+        } else if (c < 0x800) {
+            out.push_back(static_cast<char>(0xC0 | (c >> 6)));
+            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        } else if (c < 0x10000) {
+            out.push_back(static_cast<char>(0xE0 | (c >> 12)));
+            out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        } else {
+            out.push_back(static_cast<char>(0xF0 | ((c >> 18) & 0x07)));
+            out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        }
+    }
+    return out;
+}
+
+std::wstring from_utf8(const std::string& text) {
+    std::wstring out;
+    std::size_t i = 0;
+    while (i < text.size()) {
+        auto b = static_cast<unsigned char>(text[i]);
+        std::uint32_t c;
+        int extra;
+        if (b < 0x80) {
+            c = b;
+            extra = 0;
+        } else if ((b & 0xE0) == 0xC0) {
+            c = b & 0x1F;
+            extra = 1;
+        } else if ((b & 0xF0) == 0xE0) {
+            c = b & 0x0F;
+            extra = 2;
+        } else {
+            c = b & 0x07;
+            extra = 3;
+        }
+        ++i;
+        for (int k = 0; k < extra && i < text.size(); ++k, ++i) c = (c << 6) | (text[i] & 0x3F);
+        if (sizeof(wchar_t) == 2 && c >= 0x10000) {
+            c -= 0x10000;
+            out.push_back(static_cast<wchar_t>(0xD800 + (c >> 10)));
+            out.push_back(static_cast<wchar_t>(0xDC00 + (c & 0x3FF)));
+        } else {
+            out.push_back(static_cast<wchar_t>(c));
+        }
+    }
+    return out;
+}
+
+// ---------------------------------------------------------------------------
+// Mappings.
+Mapping map_anonymous(std::size_t size) {
+    Mapping m;
+    if (size == 0) return m;
+    if (should_fail(FaultKind::Mapping)) return m;
+    void* v = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (v == MAP_FAILED) return m;
+    m.handle = v;
+    m.view = v;
+    m.size = size;
+    return m;
+}
+
+Mapping map_file(FileHandle file, std::size_t size) {
+    Mapping m;
+    if (size == 0 || file < 0) return m;
+    if (should_fail(FaultKind::Mapping)) return m;
+    void* v = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, static_cast<int>(file), 0);
+    if (v == MAP_FAILED) return m;
+    m.handle = v;
+    m.view = v;
+    m.size = size;
+    return m;
+}
+
+void unmap(Mapping& m) {
+    if (m.view) ::munmap(m.view, m.size);
+    m = Mapping{};
+}
+
+bool remap_anonymous(Mapping& m, std::size_t new_size) {
+    if (!m.view || new_size == 0) return false;
+    if (should_fail(FaultKind::Mapping)) return false;
+#if defined(__linux__)
+    void* v = ::mremap(m.view, m.size, new_size, MREMAP_MAYMOVE);
+    if (v == MAP_FAILED) return false;
+    m.view = v;
+    m.handle = v;
+    m.size = new_size;
+    return true;
+#else
+    void* v = ::mmap(nullptr, new_size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (v == MAP_FAILED) return false;
+    std::memcpy(v, m.view, m.size < new_size ? m.size : new_size);
+    ::munmap(m.view, m.size);
+    m.view = v;
+    m.handle = v;
+    m.size = new_size;
+    return true;
+#endif
+}
+
+// ---------------------------------------------------------------------------
+// Memory status.
+MemoryStatus memory_status() {
+    MemoryStatus s;
+#if defined(__linux__)
+    struct sysinfo info {};
+    if (::sysinfo(&info) == 0) {
+        std::uint64_t unit = info.mem_unit ? info.mem_unit : 1;
+        s.total_physical = info.totalram * unit;
+        s.available_physical = (info.freeram + info.bufferram) * unit;
+        s.total_page_file = info.totalswap * unit;
+        s.available_page_file = info.freeswap * unit;
+    }
+    // MemAvailable counts reclaimable cache too; prefer it when present.
+    if (FILE* f = std::fopen("/proc/meminfo", "r")) {
+        char line[256];
+        while (std::fgets(line, sizeof line, f)) {
+            unsigned long long kb = 0;
+            if (std::sscanf(line, "MemAvailable: %llu kB", &kb) == 1) {
+                s.available_physical = static_cast<std::uint64_t>(kb) * 1024u;
+                break;
+            }
+        }
+        std::fclose(f);
+    }
+#else
+    long pages = ::sysconf(_SC_PHYS_PAGES);
+    long page = ::sysconf(_SC_PAGESIZE);
+    if (pages > 0 && page > 0) {
+        s.total_physical = static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(page);
+        s.available_physical = s.total_physical / 2;
+    }
+#endif
+    return s;
+}
+
+// ---------------------------------------------------------------------------
+// Thread-local storage.
+bool tls_create(TlsKey* key, void (*destructor)(void*)) {
+    pthread_key_t k;
+    if (::pthread_key_create(&k, destructor) != 0) return false;
+    *key = static_cast<TlsKey>(k);
+    return true;
+}
+
+void tls_delete(TlsKey key) { ::pthread_key_delete(static_cast<pthread_key_t>(key)); }
+
+void* tls_get(TlsKey key) { return ::pthread_getspecific(static_cast<pthread_key_t>(key)); }
+
+bool tls_set(TlsKey key, void* value) { return ::pthread_setspecific(static_cast<pthread_key_t>(key), value) == 0; }
+
+}  // namespace zk::platform
+
+#endif  // !_WIN32
