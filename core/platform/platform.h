@@ -109,6 +109,9 @@ struct MemoryStatus {
     std::uint64_t available_page_file = 0;
 };
 MemoryStatus memory_status();
+// Test seam: while set, memory_status() returns *status (null restores the
+// real figures).
+void override_memory_status(const MemoryStatus* status);
 
 // ---------------------------------------------------------------------------
 // Thread-local storage with a destructor run at thread exit (POSIX keys; on

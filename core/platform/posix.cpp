@@ -395,7 +395,18 @@ bool remap_anonymous(Mapping& m, std::size_t new_size) {
 
 // ---------------------------------------------------------------------------
 // Memory status.
+namespace {
+std::atomic<bool> g_status_overridden{false};
+MemoryStatus g_status_override;
+}  // namespace
+
+void override_memory_status(const MemoryStatus* status) {
+    if (status) g_status_override = *status;
+    g_status_overridden.store(status != nullptr);
+}
+
 MemoryStatus memory_status() {
+    if (g_status_overridden.load()) return g_status_override;
     MemoryStatus s;
 #if defined(__linux__)
     struct sysinfo info {};
