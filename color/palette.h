@@ -1,0 +1,28 @@
+// Palette services shared inside the colour subsystem and by colour reduction:
+// the fixed tables, the library's nearest-colour search and the gray level.
+//
+// May include: include/zkernel.h.
+#pragma once
+
+#include <cstdint>
+
+#include "zkernel.h"
+
+namespace zk {
+
+// Gray level of a colour, used wherever a colour is reduced to gray.
+constexpr uint32_t gray_level(uint32_t r, uint32_t g, uint32_t b) { return (2 * r + 5 * g + b + 4) >> 3; }
+
+// The constant table of a depth 1..8 (2^bits entries), or null. The eight
+// tables lie back to back in one array, 2-entry table first.
+const RGBQUAD* fixed_palette(int32_t bits);
+
+// Nearest entry by the library's own metric (white/black probes, squared
+// distance, channel-order class breaking ties). 0xFFFFFFFF for count 0.
+uint32_t find_palette_index(const RGBQUAD* entries, uint32_t count, uint32_t red, uint32_t green, uint32_t blue);
+
+// A new Z_OsAlloc block holding `count` entries copied from `source`; null
+// for count 0 or when the block cannot be made.
+RGBQUAD* copy_palette_block(const RGBQUAD* source, uint32_t count);
+
+}  // namespace zk
