@@ -413,12 +413,31 @@ Z_EXPORT int32_t Z_API Z_CopyBitmapData(BitmapHandle* dst, BitmapHandle* src);
  * colours. */
 Z_EXPORT int32_t Z_API Z_CopyPlaybackParms(BitmapHandle* dst, BitmapHandle* src);
 
-/* Gray parameters of deep gray bitmaps. See the contract in the comments of
- * each call. */
+/* Gray parameters of deep gray bitmaps: the significant bit window
+ * LowBit..HighBit of a pixel value, the value range MinVal..MaxVal, the paint
+ * window, and the display lookup table LUT (LUTLength 4-byte entries, in
+ * force while BF_LUT_USED is set). Every call checks a null record first
+ * (ST_BAD_PARAM), then StructSize (ST_BAD_STRUCT_SIZE). */
+/* Sets LowBit = PaintLowBit = 0, HighBit = PaintHighBit = BitsPerPixel - 1,
+ * MinVal = 0 and MaxVal = (1 << BitsPerPixel) - 1 (0xFFFFFFFF from 32 bits
+ * on). A depth outside 1..64 gives ST_BAD_BPP. LUT is left alone. */
 Z_EXPORT int32_t Z_API Z_InitGrayParams(BitmapHandle* bitmap);
+/* Reads the bit window: low = LowBit (0 when negative as a signed value),
+ * high = HighBit (BitsPerPixel - 1 when negative as a signed value),
+ * bitCount = min(high - low + 1, BitsPerPixel), mask = 2^bitCount - 1,
+ * shift = high - bitCount + 1, so that (value >> shift) & mask is the
+ * significant part. Null outputs are skipped. A window with high < low gives
+ * ST_BAD_PARAM. */
 Z_EXPORT int32_t Z_API Z_GetGrayParams(const BitmapHandle* bitmap, uint32_t* lowBit, uint32_t* highBit,
                                        uint32_t* bitCount, uint32_t* mask, uint32_t* shift);
+/* Copies LowBit, HighBit, MinVal, MaxVal, PaintLowBit, PaintHighBit, the
+ * BF_LUT_USED bit, LUTLength and a fresh copy of the LUT (Z_OsAlloc of
+ * LUTLength entries; null when the source has none) into dst. The LUT dst
+ * held before is freed unless it is the source's own. On ST_NO_MEMORY dst is
+ * unchanged. */
 Z_EXPORT int32_t Z_API Z_CopyGrayParams(BitmapHandle* dst, const BitmapHandle* src);
+/* Frees LUT and ValueMap (Z_OsFree), clears both pointers, LUTLength and
+ * BF_LUT_USED. Z_FreeBitmap calls it. */
 Z_EXPORT int32_t Z_API Z_FreeGrayParams(BitmapHandle* bitmap);
 
 /* ---------------------------------------------------------------------------

@@ -1,0 +1,272 @@
+// Tiled storage: the tile table, memory tiles (anonymous mappings kept
+// mapped), disk tiles (delete-on-close temporary files mapped on demand, at
+// most MaxMapped at once, oldest unmapped first), and byte-span access across
+// tile boundaries.
+#include <algorithm>
+#include <cstring>
+
+#include "bitmap_handle.h"
+#include "platform/platform.h"
+#include "storage.h"
+
+namespace pf = zk::platform;
+
+namespace zk::storage {
+
+namespace {
+
+// Largest count handed to one Z_OsRead / Z_OsWrite call.
+constexpr size_t kFileChunk = size_t{1} << 30;
+
+pf::Mapping mapping_of(const TileEntry& e, size_t bytes) {
+    pf::Mapping m;
+    m.handle = e.mapping;
+    m.view = e.view;
+    m.size = bytes;
+    return m;
+}
+
+void unmap_entry(TileEntry& e, size_t bytes) {
+    if (!e.view) return;
+    pf::Mapping m = mapping_of(e, bytes);
+    pf::unmap(m);
+    e.mapping = nullptr;
+    e.view = nullptr;
+}
+
+// Releases tiles [0, built) of a table, last to first, and the table itself.
+void destroy_table(TileTable* t, const BitmapHandle& b, uint32_t built) {
+    TileEntry* e = t->entries();
+    for (uint32_t i = built; i-- > 0;) {
+        unmap_entry(e[i], tile_bytes(b, i));
+        if (e[i].file != Z_INVALID_FILE) {
+            Z_OsClose(e[i].file, nullptr);
+            e[i].file = Z_INVALID_FILE;
+        }
+    }
+    Z_OsFree(t);
+}
+
+// Moves `count` bytes between `buffer` and the tile file at `offset` with the
+// library's own routines. Failures are not reported (the tiled path returns
+// the requested count regardless).
+void file_transfer(Z_FILE file, uint64_t offset, uint8_t* buffer, size_t count, bool put) {
+    if (Z_OsSeek(file, static_cast<int64_t>(offset), 0, nullptr) != static_cast<int64_t>(offset)) return;
+    while (count > 0) {
+        const uint32_t n = static_cast<uint32_t>(std::min(count, kFileChunk));
+        const int32_t moved = put ? Z_OsWrite(file, buffer, n, nullptr) : Z_OsRead(file, buffer, n, nullptr);
+        if (moved <= 0) return;
+        buffer += moved;
+        count -= static_cast<size_t>(moved);
+    }
+}
+
+// Makes disk tile `index` addressable when the mapped limit allows: maps it
+// at once below MaxMapped, else unmaps the oldest and retries until it maps
+// or nothing is left mapped.
+uint8_t* ensure_view(BitmapHandle& b, TileTable* t, uint32_t index) {
+    TileEntry& e = t->entries()[index];
+    if (e.view) return e.view;
+    for (;;) {
+        if (t->MappedCount < t->MaxMapped && map_tile(b, index)) return e.view;
+        if (t->MappedCount == 0) return nullptr;
+        unmap_oldest(b);
+    }
+}
+
+// Moves one piece that lies inside tile `index`.
+void piece(BitmapHandle& b, TileTable* t, uint32_t index, size_t start, uint8_t* buffer, size_t count, bool put) {
+    TileEntry& e = t->entries()[index];
+    uint8_t* view = e.file == Z_INVALID_FILE ? e.view : ensure_view(b, t, index);
+    if (view) {
+        if (put)
+            std::memcpy(view + start, buffer, count);
+        else
+            std::memcpy(buffer, view + start, count);
+        return;
+    }
+    if (e.file != Z_INVALID_FILE) file_transfer(e.file, start, buffer, count, put);
+}
+
+int64_t tiled_transfer(BitmapHandle& b, size_t offset, uint8_t* buffer, size_t count, bool put) {
+    TileTable* t = tile_table(b);
+    if (!t || t->RowsPerTile == 0 || t->TileCount == 0) return ST_INVALID_BITMAP;
+    if (offset > reachable_bytes(b) || count > reachable_bytes(b) - offset) return ST_BAD_PARAM;
+    const size_t full = size_t{b.BytesPerLine} * t->RowsPerTile;
+    uint32_t index = static_cast<uint32_t>(offset / full);
+    size_t start = offset % full;
+    size_t left = count;
+    while (left > 0 && index < t->TileCount) {
+        const size_t bytes = tile_bytes(b, index);
+        const size_t n = std::min(left, bytes - start);
+        piece(b, t, index, start, buffer, n, put);
+        buffer += n;
+        left -= n;
+        ++index;
+        start = 0;
+    }
+    return static_cast<int64_t>(count);
+}
+
+int64_t tiled_fetch(BitmapHandle& b, size_t offset, uint8_t* out, size_t count) {
+    return tiled_transfer(b, offset, out, count, false);
+}
+
+int64_t tiled_store(BitmapHandle& b, size_t offset, const uint8_t* in, size_t count) {
+    // The buffer is only read on this path.
+    return tiled_transfer(b, offset, const_cast<uint8_t*>(in), count, true);
+}
+
+uint8_t* tiled_map(BitmapHandle& b, size_t offset, size_t count) {
+    TileTable* t = tile_table(b);
+    if (!t || t->RowsPerTile == 0) return nullptr;
+    if (offset > reachable_bytes(b) || count > reachable_bytes(b) - offset) return nullptr;
+    const size_t full = size_t{b.BytesPerLine} * t->RowsPerTile;
+    const uint32_t index = static_cast<uint32_t>(offset / full);
+    const size_t start = offset % full;
+    if (index >= t->TileCount || count > tile_bytes(b, index) - start) return nullptr;
+    TileEntry& e = t->entries()[index];
+    uint8_t* view = e.file == Z_INVALID_FILE ? e.view : ensure_view(b, t, index);
+    return view ? view + start : nullptr;
+}
+
+void tiled_release(BitmapHandle& b) {
+    TileTable* t = tile_table(b);
+    if (t) destroy_table(t, b, t->TileCount);
+    b.Data = nullptr;
+    b.DataHandle = nullptr;
+    b.Flags &= ~BF_TILED;
+}
+
+}  // namespace
+
+const KindOps kTiledOps = {false, tiled_fetch, tiled_store, tiled_map, tiled_release};
+
+TileTable* tile_table(const BitmapHandle& b) {
+    if (!(b.Flags & BF_TILED)) return nullptr;
+    return reinterpret_cast<TileTable*>(b.Data);
+}
+
+size_t tile_bytes(const BitmapHandle& b, uint32_t index) {
+    const TileTable* t = tile_table(b);
+    if (!t || index >= t->TileCount) return 0;
+    uint64_t rows = t->RowsPerTile;
+    if (index == t->TileCount - 1) {
+        const uint64_t height = b.Height > 0 ? static_cast<uint64_t>(b.Height) : 0;
+        const uint64_t before = uint64_t{t->RowsPerTile} * (t->TileCount - 1);
+        rows = height > before ? height - before : 0;
+    }
+    return static_cast<size_t>(rows * b.BytesPerLine);
+}
+
+bool map_tile(BitmapHandle& b, uint32_t index) {
+    TileTable* t = tile_table(b);
+    if (!t || index >= t->TileCount) return false;
+    TileEntry* e = t->entries();
+    if (e[index].file == Z_INVALID_FILE || e[index].view) return false;
+    if (t->MappedCount >= t->TileCount) return false;
+    pf::Mapping m = pf::map_file(e[index].file, tile_bytes(b, index));
+    if (!m) return false;
+    e[index].mapping = m.handle;
+    e[index].view = static_cast<uint8_t*>(m.view);
+    e[t->MappedCount].mapped = index;
+    ++t->MappedCount;
+    return true;
+}
+
+void unmap_oldest(BitmapHandle& b) {
+    TileTable* t = tile_table(b);
+    if (!t || t->MappedCount == 0) return;
+    TileEntry* e = t->entries();
+    const uintptr_t oldest = e[0].mapped;
+    for (uint32_t k = 1; k < t->MappedCount; ++k) e[k - 1].mapped = e[k].mapped;
+    --t->MappedCount;
+    e[t->MappedCount].mapped = 0;
+    if (oldest < t->TileCount && e[oldest].file != Z_INVALID_FILE)
+        unmap_entry(e[oldest], tile_bytes(b, static_cast<uint32_t>(oldest)));
+}
+
+uint32_t set_mapped_count(BitmapHandle& b, uint32_t target) {
+    TileTable* t = tile_table(b);
+    if (!t) return 0;
+    while (t->MappedCount > target) unmap_oldest(b);
+    target = std::min(target, t->MaxMapped);
+    for (uint32_t i = t->MemTiles; i < t->TileCount && t->MappedCount < target; ++i) {
+        const TileEntry& e = t->entries()[i];
+        if (e.file != Z_INVALID_FILE && !e.view) map_tile(b, i);
+    }
+    return t->MappedCount;
+}
+
+Z_FILE create_tile_file(uint64_t bytes) {
+    if (bytes == 0) return Z_INVALID_FILE;
+    wchar_t name[Z_MAX_PATH];
+    if (Z_OsGetTempName(name) != ST_OK) return Z_INVALID_FILE;
+    const Z_FILE f = Z_OsCreat(name, Z_CREAT_DELETE_ON_CLOSE);
+    if (f == Z_INVALID_FILE) {
+        // The unique-name service made the file; without the delete-on-close
+        // handle it is removed here.
+        Z_OsDelete(name);
+        return Z_INVALID_FILE;
+    }
+    const uint8_t zero = 0;
+    if (Z_OsSeek(f, static_cast<int64_t>(bytes - 1), 0, nullptr) != static_cast<int64_t>(bytes - 1) ||
+        Z_OsWrite(f, &zero, 1, nullptr) != 1) {
+        Z_OsClose(f, nullptr);
+        return Z_INVALID_FILE;
+    }
+    return f;
+}
+
+int32_t build_tiles(BitmapHandle& b, const TileLayout& layout) {
+    if (b.Height < 1) return ST_INVALID_BITMAP;
+    if (layout.rows_per_tile == 0 || b.BytesPerLine == 0) return ST_BAD_PARAM;
+    const uint32_t height = static_cast<uint32_t>(b.Height);
+    const uint32_t rows = layout.rows_per_tile;
+    const uint32_t count = height / rows + (height % rows ? 1 : 0);
+    if (tile_table_bytes(count) / sizeof(TileEntry) < count) return ST_NO_MEMORY;
+
+    auto* t = static_cast<TileTable*>(Z_OsAlloc(tile_table_bytes(count)));
+    if (!t) return ST_NO_MEMORY;
+    t->TileCount = count;
+    t->MemTiles = std::min(layout.mem_tiles, count);
+    t->RowsPerTile = rows;
+    t->MappedCount = 0;
+    const uint32_t disk_tiles = count - t->MemTiles;
+    uint32_t views = std::min(layout.max_mapped, disk_tiles);
+    if (disk_tiles > 0 && views == 0) views = 1;
+    t->MaxMapped = views;
+    TileEntry* e = t->entries();
+    for (uint32_t i = 0; i < count; ++i) e[i] = TileEntry{nullptr, nullptr, Z_INVALID_FILE, 0};
+
+    // Tile sizes are read through a record that already points at the table.
+    BitmapHandle probe = b;
+    probe.Data = reinterpret_cast<uint8_t*>(t);
+    probe.Flags |= BF_TILED;
+    for (uint32_t i = 0; i < count; ++i) {
+        const size_t bytes = tile_bytes(probe, i);
+        if (i < t->MemTiles) {
+            pf::Mapping m = pf::map_anonymous(bytes);
+            if (!m) {
+                destroy_table(t, probe, i);
+                return ST_NO_MEMORY;
+            }
+            e[i].mapping = m.handle;
+            e[i].view = static_cast<uint8_t*>(m.view);
+        } else {
+            e[i].file = create_tile_file(bytes);
+            if (e[i].file == Z_INVALID_FILE) {
+                destroy_table(t, probe, i);
+                return ST_TEMP_FILE;
+            }
+        }
+    }
+    b.Data = reinterpret_cast<uint8_t*>(t);
+    b.DataHandle = nullptr;
+    b.DataOffset = 0;
+    b.Flags |= BF_ALLOCATED | BF_MEMORY | BF_TILED;
+    set_mapped_count(b, views);
+    return ST_OK;
+}
+
+}  // namespace zk::storage
