@@ -89,9 +89,16 @@ int32_t point_allowed(BitmapHandle* bitmap, int32_t column, int32_t row) {
     return ST_OK;
 }
 
+void testing_restore_load_state() {
+    g_table = Z_DISDISPATCH{};
+    g_installed = 0;
+}
+
 }  // namespace zk::region
 
 extern "C" int32_t Z_API Z_SetDisDispatch(const Z_DISDISPATCH* table) {
+    // A null table would only crash; it is refused and nothing changes.
+    if (!table) return ST_BAD_PARAM;
     g_table = *table;
     g_installed = 1;
     return ST_OK;

@@ -31,4 +31,9 @@ int32_t rotated(BitmapHandle* bitmap, int32_t width, int32_t height, int32_t ang
 // Entry 17 with its fallback: ST_OK inside, ST_BAD_POSITION outside.
 int32_t point_allowed(BitmapHandle* bitmap, int32_t column, int32_t row);
 
+// Test only: puts the table and the installed flag back to the state before
+// any reset or install (all entries null, flag 0). The library's own load
+// has already reset the table, so only this reaches the first-reset path.
+void testing_restore_load_state();
+
 }  // namespace zk::region

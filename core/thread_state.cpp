@@ -2,6 +2,7 @@
 // the library's process and thread lifetime.
 #include "thread_state.h"
 
+#include <atomic>
 #include <cstring>
 #include <cwchar>
 #include <new>
@@ -29,6 +30,8 @@ uint32_t g_slot_high = 0;  // slots handed out so far (high-water count)
 
 int g_attach_count = 0;
 
+std::atomic<long> g_live_blocks{0};
+
 void fill_temp_directory(wchar_t* out) {
     std::wstring dir;
     try {
@@ -47,6 +50,7 @@ void release_block(void* p) {
     s->hotkey_registration = 0;
     pf::heap_free(s->slots);
     pf::heap_free(s);
+    g_live_blocks.fetch_sub(1);
 }
 
 ThreadState* create_block() {
@@ -72,6 +76,7 @@ ThreadState* create_block() {
         pf::heap_free(s);
         return nullptr;
     }
+    g_live_blocks.fetch_add(1);
     return s;
 }
 
@@ -83,6 +88,10 @@ bool ensure_key() {
 }
 
 }  // namespace
+
+namespace testing {
+long live_thread_blocks() { return g_live_blocks.load(); }
+}  // namespace testing
 
 bool is_process_block(const ThreadState& state) { return &state == &g_process_block; }
 

@@ -68,4 +68,10 @@ bool process_attach();
 void process_detach();
 }  // namespace detail
 
+namespace testing {
+// Per-thread blocks now alive (created and not yet released). Tests use it to
+// see a thread's block go when the thread ends.
+long live_thread_blocks();
+}  // namespace testing
+
 }  // namespace zk

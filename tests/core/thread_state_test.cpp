@@ -1,0 +1,450 @@
+// Per-thread settings blocks, thread slots, callbacks, memory and runtime
+// wrappers.
+#include <clocale>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "test_support.h"
+#include "thread_state.h"
+
+namespace {
+
+struct Defaults {
+    int32_t x, y;
+    uint32_t dither, memory_type;
+    bool process_block;
+};
+
+Defaults read_defaults() {
+    Defaults d{};
+    d.x = Z_GetDefaultXResolution();
+    d.y = Z_GetDefaultYResolution();
+    d.dither = Z_GetDefaultDithering();
+    EXPECT_EQ(Z_GetDefaultMemoryType(&d.memory_type), ST_OK);
+    d.process_block = zk::is_process_block(zk::thread_state());
+    return d;
+}
+
+}  // namespace
+
+TEST(ThreadState, NewThreadSeesInitialDefaultsWhileAnotherChangedItsOwn) {
+    const int32_t old_x = Z_SetDefaultXResolution(300);
+    const int32_t old_y = Z_SetDefaultYResolution(-5);
+    const uint32_t old_dither = Z_GetDefaultDithering();
+    ASSERT_EQ(Z_DefaultDithering(DITHER_FLOYD), ST_OK);
+    ASSERT_EQ(Z_SetDefaultMemoryType(TYPE_DISK), ST_OK);
+
+    Defaults other{};
+    std::thread([&] { other = read_defaults(); }).join();
+    EXPECT_EQ(other.x, 150);
+    EXPECT_EQ(other.y, 150);
+    EXPECT_EQ(other.dither, DITHER_ORDERED);
+    EXPECT_EQ(other.memory_type, TYPE_CONV);
+    EXPECT_FALSE(other.process_block);
+
+    // A thread that changes its own defaults does not touch ours.
+    std::thread([] {
+        Z_SetDefaultXResolution(72);
+        Z_DefaultDithering(DITHER_NONE);
+    }).join();
+    const Defaults mine = read_defaults();
+    EXPECT_EQ(mine.x, 300);
+    EXPECT_EQ(mine.y, -5);
+    EXPECT_EQ(mine.dither, DITHER_FLOYD);
+    EXPECT_EQ(mine.memory_type, TYPE_DISK);
+
+    // New records of this thread use 150 for a resolution that is not positive.
+    const BitmapHandle b = zktest::described(4, 4, 8);
+    EXPECT_EQ(b.XResolution, 300);
+    EXPECT_EQ(b.YResolution, 150);
+    EXPECT_EQ(b.DitherMethod, DITHER_FLOYD);
+
+    EXPECT_EQ(Z_SetDefaultXResolution(old_x), 300);
+    EXPECT_EQ(Z_SetDefaultYResolution(old_y), -5);
+    Z_DefaultDithering(old_dither);
+    Z_SetDefaultMemoryType(TYPE_CONV);
+}
+
+TEST(ThreadState, BlockIsReleasedWhenTheThreadEnds) {
+    const long before = zk::testing::live_thread_blocks();
+    for (int round = 0; round < 8; ++round) {
+        long during = -1;
+        std::thread([&] {
+            Z_SetDefaultXResolution(96);  // first use creates the block
+            during = zk::testing::live_thread_blocks();
+        }).join();
+        EXPECT_EQ(during, before + 1);
+        EXPECT_EQ(zk::testing::live_thread_blocks(), before);
+    }
+    // Threads that never call the library get no block.
+    std::thread([] {}).join();
+    EXPECT_EQ(zk::testing::live_thread_blocks(), before);
+}
+
+TEST(ThreadState, FailedCreationFallsBackToProcessBlockWithoutLeaking) {
+    const long before = zk::testing::live_thread_blocks();
+    // First allocation is the block, second its slot array.
+    for (int nth : {1, 2}) {
+        SCOPED_TRACE(nth);
+        bool fallback = false;
+        int32_t fallback_x = -1;
+        uint32_t fallback_dither = 99;
+        Defaults retried{};
+        long during = -1;
+        std::thread([&] {
+            {
+                zktest::FaultScope fault(zk::platform::FaultKind::Allocation, nth);
+                const zk::ThreadState& s = zk::thread_state();
+                fallback = zk::is_process_block(s);
+                fallback_x = s.x_resolution;
+                fallback_dither = s.dither_method;
+                during = zk::testing::live_thread_blocks();
+            }
+            // The next call finds no block and tries again.
+            retried = read_defaults();
+        }).join();
+        EXPECT_TRUE(fallback);
+        EXPECT_EQ(during, before);
+        // The process-wide block starts zeroed.
+        EXPECT_EQ(fallback_x, 0);
+        EXPECT_EQ(fallback_dither, 0u);
+        EXPECT_FALSE(retried.process_block);
+        EXPECT_EQ(retried.x, 150);
+        EXPECT_EQ(retried.dither, DITHER_ORDERED);
+        EXPECT_EQ(zk::testing::live_thread_blocks(), before);
+    }
+}
+
+TEST(ThreadState, ProcessBlockServesWithZeroedWords) {
+    // With the process block in force, defaults and slots still behave.
+    std::thread([] {
+        zktest::FaultScope fault(zk::platform::FaultKind::Allocation, 1);
+        zk::ThreadState& s = zk::thread_state();
+        ASSERT_TRUE(zk::is_process_block(s));
+        EXPECT_EQ(s.slots, nullptr);
+        EXPECT_EQ(s.open, nullptr);  // means the library's own routines
+    }).join();
+}
+
+// ---------------------------------------------------------------------------
+// Thread slots. The table is process-wide: the test leaves it as it found it.
+
+TEST(ThreadSlots, ThousandTwentyFourRules) {
+    std::vector<uint32_t> got;
+    for (;;) {
+        const uint32_t s = Z_TlsAlloc();
+        if (s == Z_TLS_OUT_OF_INDEXES) break;
+        got.push_back(s);
+        ASSERT_LE(got.size(), static_cast<size_t>(Z_TLS_SLOTS));
+    }
+    // Nothing else in this program holds slots: all 1024 were handed out, in order.
+    ASSERT_EQ(got.size(), static_cast<size_t>(Z_TLS_SLOTS));
+    for (uint32_t i = 0; i < Z_TLS_SLOTS; ++i) ASSERT_EQ(got[i], i);
+    EXPECT_EQ(Z_TlsAlloc(), Z_TLS_OUT_OF_INDEXES);
+
+    // A freed slot below the count is reused, lowest first.
+    EXPECT_EQ(Z_TlsFree(700), 1);
+    EXPECT_EQ(Z_TlsFree(5), 1);
+    EXPECT_EQ(Z_TlsFree(5), 0);
+    EXPECT_EQ(Z_TlsAlloc(), 5u);
+    EXPECT_EQ(Z_TlsAlloc(), 700u);
+    EXPECT_EQ(Z_TlsAlloc(), Z_TLS_OUT_OF_INDEXES);
+
+    // Freeing the highest slot lowers the count once; SetValue then refuses it.
+    int value = 0;
+    EXPECT_EQ(Z_TlsSetValue(1023, &value), 1);
+    EXPECT_EQ(Z_TlsFree(1020), 1);  // not the highest: the count stays
+    EXPECT_EQ(Z_TlsSetValue(1023, &value), 1);
+    EXPECT_EQ(Z_TlsFree(1023), 1);
+    EXPECT_EQ(Z_TlsFree(1023), 0);
+    EXPECT_EQ(Z_TlsSetValue(1023, &value), 0);
+    EXPECT_EQ(Z_TlsSetValue(1022, &value), 1);
+    // Only by one: with 1021 and 1020 free below, freeing 1022 leaves the
+    // count at 1022, so 1021 still takes values.
+    EXPECT_EQ(Z_TlsFree(1021), 1);
+    EXPECT_EQ(Z_TlsFree(1022), 1);
+    EXPECT_EQ(Z_TlsSetValue(1022, &value), 0);
+    EXPECT_EQ(Z_TlsSetValue(1021, &value), 1);
+    // The count grows again first, then the lowest free slot is reused.
+    EXPECT_EQ(Z_TlsAlloc(), 1022u);
+    EXPECT_EQ(Z_TlsAlloc(), 1023u);
+    EXPECT_EQ(Z_TlsAlloc(), 1020u);
+    EXPECT_EQ(Z_TlsAlloc(), 1021u);
+    EXPECT_EQ(Z_TlsAlloc(), Z_TLS_OUT_OF_INDEXES);
+
+    // Out-of-range slots.
+    for (uint32_t bad : {1024u, 5000u, 0xFFFFFFFFu}) {
+        EXPECT_EQ(Z_TlsFree(bad), 0);
+        EXPECT_EQ(Z_TlsSetValue(bad, &value), 0);
+        EXPECT_EQ(Z_TlsGetValue(bad), nullptr);
+    }
+
+    for (uint32_t i = Z_TLS_SLOTS; i-- > 0;) ASSERT_EQ(Z_TlsFree(i), 1) << i;
+    // Empty again: a never-allocated slot refuses values.
+    EXPECT_EQ(Z_TlsSetValue(0, &value), 0);
+    EXPECT_EQ(Z_TlsFree(0), 0);
+}
+
+TEST(ThreadSlots, ValuesArePerThread) {
+    const uint32_t a = Z_TlsAlloc();
+    const uint32_t b = Z_TlsAlloc();
+    ASSERT_NE(a, Z_TLS_OUT_OF_INDEXES);
+    ASSERT_NE(b, Z_TLS_OUT_OF_INDEXES);
+    int x = 0, y = 0;
+    ASSERT_EQ(Z_TlsSetValue(a, &x), 1);
+    ASSERT_EQ(Z_TlsSetValue(b, &y), 1);
+    void* seen_a = &x;
+    void* seen_b = &x;
+    std::thread([&] {
+        seen_a = Z_TlsGetValue(a);
+        Z_TlsSetValue(b, &x);
+        seen_b = Z_TlsGetValue(b);
+    }).join();
+    EXPECT_EQ(seen_a, nullptr);
+    EXPECT_EQ(seen_b, &x);
+    EXPECT_EQ(Z_TlsGetValue(a), &x);
+    EXPECT_EQ(Z_TlsGetValue(b), &y);
+    EXPECT_EQ(Z_TlsFree(b), 1);
+    EXPECT_EQ(Z_TlsFree(a), 1);
+}
+
+TEST(ThreadSlots, ConcurrentAllocationHandsOutDistinctSlots) {
+    std::vector<uint32_t> got[4];
+    std::vector<std::thread> threads;
+    for (auto& g : got)
+        threads.emplace_back([&g] {
+            for (int i = 0; i < 200; ++i) g.push_back(Z_TlsAlloc());
+        });
+    for (auto& t : threads) t.join();
+    std::vector<bool> seen(Z_TLS_SLOTS, false);
+    for (auto& g : got)
+        for (uint32_t s : g) {
+            ASSERT_LT(s, static_cast<uint32_t>(Z_TLS_SLOTS));
+            EXPECT_FALSE(seen[s]) << s;
+            seen[s] = true;
+        }
+    for (uint32_t i = Z_TLS_SLOTS; i-- > 0;)
+        if (seen[i]) {
+            EXPECT_EQ(Z_TlsFree(i), 1) << i;
+        }
+}
+
+// ---------------------------------------------------------------------------
+// Callbacks.
+
+namespace {
+int32_t Z_API status_a(int32_t, void*) { return ST_OK; }
+int32_t Z_API status_b(int32_t, void*) { return ST_OK; }
+int32_t Z_API font_cb(const wchar_t*, wchar_t*, void*) { return ST_OK; }
+}  // namespace
+
+TEST(Callbacks, SettersHandBackPreviousValuesAndArePerThread) {
+    int ua = 0, ub = 0;
+    STATUSCALLBACK prev = status_b;
+    void* prev_user = &ub;
+    ASSERT_EQ(Z_SetStatusCallBack(status_a, &ua, &prev, &prev_user), ST_OK);
+    EXPECT_EQ(prev, nullptr);
+    EXPECT_EQ(prev_user, nullptr);
+    ASSERT_EQ(Z_SetStatusCallBack(status_b, &ub, nullptr, nullptr), ST_OK);  // null outs skipped
+    ASSERT_EQ(Z_SetStatusCallBack(nullptr, nullptr, &prev, &prev_user), ST_OK);
+    EXPECT_EQ(prev, status_b);
+    EXPECT_EQ(prev_user, &ub);
+    void* user = &ua;
+    EXPECT_EQ(Z_GetStatusCallBack(&user), nullptr);
+    EXPECT_EQ(user, nullptr);
+
+    COPYSTATUSCALLBACK cprev = nullptr;
+    ASSERT_EQ(Z_SetCopyStatusCallBack(status_a, &ua, &cprev, nullptr), ST_OK);
+    EXPECT_EQ(cprev, nullptr);
+    EXPECT_EQ(Z_GetCopyStatusCallBack(&user), status_a);
+    EXPECT_EQ(user, &ua);
+    EXPECT_EQ(Z_GetCopyStatusCallBack(nullptr), status_a);
+
+    EXPECT_EQ(Z_VecSetSubstituteFontCallback(font_cb, &ub), ST_OK);
+    EXPECT_EQ(Z_VecGetSubstituteFontCallback(&user), font_cb);
+    EXPECT_EQ(user, &ub);
+
+    COPYSTATUSCALLBACK other_copy = status_b;
+    SUBSTITUTEFONTCALLBACK other_font = font_cb;
+    std::thread([&] {
+        other_copy = Z_GetCopyStatusCallBack(nullptr);
+        other_font = Z_VecGetSubstituteFontCallback(nullptr);
+    }).join();
+    EXPECT_EQ(other_copy, nullptr);
+    EXPECT_EQ(other_font, nullptr);
+
+    Z_SetCopyStatusCallBack(nullptr, nullptr, &cprev, nullptr);
+    EXPECT_EQ(cprev, status_a);
+    Z_VecSetSubstituteFontCallback(nullptr, nullptr);
+}
+
+namespace {
+std::vector<int32_t>* g_percents = nullptr;
+int32_t Z_API record_percent(int32_t percent, void* user) {
+    g_percents->push_back(percent);
+    return percent >= *static_cast<int32_t*>(user) ? -99 : ST_OK;
+}
+}  // namespace
+
+TEST(Callbacks, ProgressReportsWholePercentagesAndStops) {
+    std::vector<int32_t> seen;
+    g_percents = &seen;
+    int32_t stop_at = 1000;
+    Z_SetStatusCallBack(record_percent, &stop_at, nullptr, nullptr);
+    {
+        zk::Progress p(3);
+        EXPECT_EQ(p.start(), ST_OK);
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(p.step(), ST_OK);
+    }
+    EXPECT_EQ(seen, (std::vector<int32_t>{0, 33, 66, 100}));
+    seen.clear();
+    {
+        zk::Progress p(1000);  // many steps per percent: each value once
+        p.start();
+        for (int i = 0; i < 1000; ++i) p.step();
+    }
+    ASSERT_EQ(seen.size(), 101u);
+    for (int32_t i = 0; i <= 100; ++i) EXPECT_EQ(seen[static_cast<size_t>(i)], i);
+    seen.clear();
+    stop_at = 50;
+    {
+        zk::Progress p(4);
+        p.start();
+        EXPECT_EQ(p.step(), ST_OK);
+        EXPECT_EQ(p.step(), -99);  // the callback's result stops the work
+    }
+    Z_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr);
+    {
+        zk::Progress p(2);  // no callback: nothing called
+        EXPECT_EQ(p.start(), ST_OK);
+        EXPECT_EQ(p.step(), ST_OK);
+    }
+    EXPECT_EQ(seen, (std::vector<int32_t>{0, 25, 50}));
+    g_percents = nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// Memory wrappers.
+
+TEST(Memory, HeapWrappers) {
+    auto* p = static_cast<uint8_t*>(Z_Realloc(nullptr, 16));
+    ASSERT_NE(p, nullptr);
+    std::memset(p, 0x5A, 16);
+    p = static_cast<uint8_t*>(Z_Realloc(p, 4096));
+    ASSERT_NE(p, nullptr);
+    for (int i = 0; i < 16; ++i) EXPECT_EQ(p[i], 0x5A);
+    Z_Free(p);
+    Z_Free(nullptr);
+
+    auto* z = static_cast<uint8_t*>(Z_Calloc(100, 3));
+    ASSERT_NE(z, nullptr);
+    for (int i = 0; i < 300; ++i) ASSERT_EQ(z[i], 0);
+    Z_FreeDump(z, __FILE__, __LINE__);
+    void* m = Z_MallocDump(10, __FILE__, __LINE__);
+    m = Z_ReallocDump(m, 20, __FILE__, __LINE__);
+    ASSERT_NE(m, nullptr);
+    Z_Free(m);
+    Z_Free(Z_CallocDump(2, 2, nullptr, 0));
+    Z_DumpMemoryReport("nothing to report");
+    Z_DumpMemoryReport(nullptr);
+
+    {
+        zktest::FaultScope fault(zk::platform::FaultKind::Allocation, 1);
+        EXPECT_EQ(Z_Malloc(8), nullptr);
+    }
+    void* keep = Z_Malloc(8);
+    ASSERT_NE(keep, nullptr);
+    {
+        zktest::FaultScope fault(zk::platform::FaultKind::Allocation, 1);
+        EXPECT_EQ(Z_Realloc(keep, 1 << 20), nullptr);  // the old block stays
+    }
+    Z_Free(keep);
+}
+
+TEST(Memory, MovableBlocksKeepContentsAndZeroGrowth) {
+    struct Case {
+        size_t first, second;
+        bool init;
+    } cases[] = {{1, 1, false}, {16, 4096, true}, {4096, 16, true}, {1000, 100000, true}, {0, 64, true}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.first);
+        auto* p = static_cast<uint8_t*>(Z_OsAllocInit(c.first, 1));
+        ASSERT_NE(p, nullptr);
+        for (size_t i = 0; i < c.first; ++i) ASSERT_EQ(p[i], 0);
+        std::memset(p, 0xC3, c.first);
+        auto* q = static_cast<uint8_t*>(c.init ? Z_OsReAllocInit(p, c.second, 1) : Z_OsReAlloc(p, c.second));
+        ASSERT_NE(q, nullptr);
+        const size_t kept = std::min(c.first, c.second);
+        for (size_t i = 0; i < kept; ++i) ASSERT_EQ(q[i], 0xC3);
+        if (c.init) {
+            for (size_t i = kept; i < c.second; ++i) ASSERT_EQ(q[i], 0) << i;
+        }
+        Z_OsFree(q);
+    }
+    Z_OsFree(nullptr);
+    void* fresh = Z_OsReAlloc(nullptr, 32);  // a null pointer allocates
+    ASSERT_NE(fresh, nullptr);
+    Z_OsFreeDump(fresh, __FILE__, __LINE__);
+    void* d = Z_OsAllocDump(8, __FILE__, __LINE__);
+    d = Z_OsReAllocDump(d, 16, __FILE__, __LINE__);
+    d = Z_OsReAllocInitDump(d, 32, 1, __FILE__, __LINE__);
+    ASSERT_NE(d, nullptr);
+    Z_OsFree(d);
+    Z_OsFree(Z_OsAllocInitDump(8, 0, nullptr, 0));
+}
+
+TEST(Memory, MovableBlockAllocationFailures) {
+    {
+        zktest::FaultScope fault(zk::platform::FaultKind::Allocation, 1);
+        EXPECT_EQ(Z_OsAlloc(64), nullptr);
+    }
+    {
+        zktest::FaultScope fault(zk::platform::FaultKind::Allocation, 1);
+        EXPECT_EQ(Z_OsAllocInit(64, 1), nullptr);
+    }
+    auto* p = static_cast<uint8_t*>(Z_OsAlloc(64));
+    ASSERT_NE(p, nullptr);
+    std::memset(p, 0x77, 64);
+    {
+        zktest::FaultScope fault(zk::platform::FaultKind::Allocation, 1);
+        EXPECT_EQ(Z_OsReAlloc(p, 1 << 20), nullptr);
+    }
+    {
+        zktest::FaultScope fault(zk::platform::FaultKind::Allocation, 1);
+        EXPECT_EQ(Z_OsReAllocInit(p, 1 << 20, 1), nullptr);
+    }
+    // The old block is kept, still locked at the same address.
+    for (int i = 0; i < 64; ++i) ASSERT_EQ(p[i], 0x77);
+    auto* q = static_cast<uint8_t*>(Z_OsReAlloc(p, 128));
+    ASSERT_NE(q, nullptr);
+    EXPECT_EQ(q[63], 0x77);
+    Z_OsFree(q);
+}
+
+// ---------------------------------------------------------------------------
+// Runtime wrappers.
+
+TEST(Runtime, WrappersPassThrough) {
+    char* end = nullptr;
+    EXPECT_DOUBLE_EQ(Z_Strtod("2.5e3xyz", &end), 2500.0);
+    ASSERT_NE(end, nullptr);
+    EXPECT_STREQ(end, "xyz");
+    EXPECT_DOUBLE_EQ(Z_Strtod("-0.125", nullptr), -0.125);
+    end = reinterpret_cast<char*>(1);
+    EXPECT_EQ(Z_Strtod(nullptr, &end), 0.0);
+    EXPECT_EQ(end, nullptr);
+
+    char text[] = "a,bb;;ccc";
+    std::vector<std::string> tokens;
+    for (char* t = Z_Strtok(text, ",;"); t; t = Z_Strtok(nullptr, ",;")) tokens.emplace_back(t);
+    EXPECT_EQ(tokens, (std::vector<std::string>{"a", "bb", "ccc"}));
+    EXPECT_EQ(Z_Strtok(text, nullptr), nullptr);
+
+    const char* now = Z_Setlocale(LC_NUMERIC, nullptr);
+    ASSERT_NE(now, nullptr);
+    EXPECT_STREQ(now, std::setlocale(LC_NUMERIC, nullptr));
+    EXPECT_STREQ(Z_Setlocale(LC_NUMERIC, "C"), "C");
+    EXPECT_EQ(Z_Setlocale(LC_NUMERIC, "no-such-locale-zk"), nullptr);
+}
