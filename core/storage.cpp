@@ -306,8 +306,15 @@ void release(BitmapHandle& b) {
 
 int32_t allocate_global(BitmapHandle& b) {
     b.Flags &= ~BF_STORAGE_MASK;
+    auto* map = static_cast<uint8_t*>(Z_OsAlloc(256));
+    if (!map) return ST_NO_MEMORY;
     pf::BlockHandle block = pf::block_alloc(b.Size, true);
-    if (!block) return ST_NO_MEMORY;
+    if (!block) {
+        Z_OsFree(map);
+        return ST_NO_MEMORY;
+    }
+    for (int i = 0; i < 256; ++i) map[i] = static_cast<uint8_t>(i);
+    b.ValueMap = map;
     b.DataHandle = block;
     b.Data = nullptr;
     b.DataOffset = 0;

@@ -100,8 +100,9 @@ int32_t build_tiles(BitmapHandle& bitmap, const TileLayout& layout);
 int32_t remap_conventional(BitmapHandle& bitmap, size_t new_size);
 
 // Global storage (BF_GLOBAL): a movable block of Size bytes, zero-filled,
-// unlocked (Data null until Z_AccessBitmap / Z_LockBitmap). Clears the
-// storage bits first; ST_NO_MEMORY on failure. Does not touch ValueMap.
+// unlocked (Data null until Z_AccessBitmap / Z_LockBitmap), and a new
+// identity ValueMap as Z_AllocateBitmap gives. Clears the storage bits first;
+// ST_NO_MEMORY on failure (then nothing is allocated).
 int32_t allocate_global(BitmapHandle& bitmap);
 
 // Frees the storage by kind (the step of Z_FreeBitmap between the palette

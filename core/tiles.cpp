@@ -140,6 +140,7 @@ void tiled_release(BitmapHandle& b) {
 
 }  // namespace
 
+extern const KindOps kTiledOps;
 const KindOps kTiledOps = {false, tiled_fetch, tiled_store, tiled_map, tiled_release};
 
 TileTable* tile_table(const BitmapHandle& b) {
