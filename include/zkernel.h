@@ -194,7 +194,8 @@ typedef intptr_t Z_FILE;
 #define Z_INVALID_FILE ((Z_FILE)-1)
 
 /*
- * The bitmap record. Forty fields in this order. Pointer and handle fields are
+ * The bitmap record. Forty fields in this order, then a reserved tail word
+ * that brings the record to its declared size. Pointer and handle fields are
  * pointer-sized; Size and CurRowOffset are size_t; every other field is a
  * 32-bit integer. On a 32-bit target the record is 164 bytes with field k at
  * offset 4*(k-1). Always pass Z_BITMAPHANDLE_SIZE as the structSize argument.
@@ -240,6 +241,7 @@ typedef struct BitmapHandle {
     uint32_t Reserved38;      /* 38 */
     uint8_t* ValueMap;        /* 39 256-byte table; freed with Z_OsFree */
     void* Overlays;           /* 40 overlay table */
+    uint32_t Reserved41;      /* tail word: forty fields make 160 bytes, the record is 164 */
 } BitmapHandle;
 
 #define Z_BITMAPHANDLE_SIZE ((int)sizeof(BitmapHandle))
