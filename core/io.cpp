@@ -101,7 +101,8 @@ int32_t Z_API buffer_write(Z_FILE file, const void* buffer, uint32_t count, void
             }
         }
     }
-    if (r->Position > r->Size || !r->Buffer) return -1;
+    // A buffer exists whenever Size is non-zero.
+    if (r->Position > r->Size) return -1;
     size_t n = r->Size - r->Position;
     if (n > count) n = count;
     if (n) std::memcpy(r->Buffer + r->Position, buffer, n);

@@ -54,19 +54,29 @@ bool should_fail(FaultKind kind) {
 
 // ---------------------------------------------------------------------------
 // Runtime heap.
+// No object may exceed PTRDIFF_MAX bytes; larger requests (and count * size
+// products that overflow) fail here rather than in the runtime, which some
+// runtimes (sanitizers among them) treat as a fatal error.
+namespace {
+constexpr std::size_t kMaxObject = static_cast<std::size_t>(PTRDIFF_MAX);
+}  // namespace
+
 void* heap_alloc(std::size_t size) {
     if (should_fail(FaultKind::Allocation)) return nullptr;
+    if (size > kMaxObject) return nullptr;
     return std::malloc(size ? size : 1);
 }
 
 void* heap_calloc(std::size_t count, std::size_t size) {
     if (should_fail(FaultKind::Allocation)) return nullptr;
     if (count == 0 || size == 0) return std::calloc(1, 1);
+    if (size > kMaxObject / count) return nullptr;
     return std::calloc(count, size);
 }
 
 void* heap_realloc(void* pointer, std::size_t size) {
     if (should_fail(FaultKind::Allocation)) return nullptr;
+    if (size > kMaxObject) return nullptr;
     return std::realloc(pointer, size ? size : 1);
 }
 
@@ -93,7 +103,7 @@ unsigned char* data_of(Block* b) { return b->storage + sizeof(Prefix); }
 
 BlockHandle block_alloc(std::size_t size, bool zero) {
     if (should_fail(FaultKind::Allocation)) return nullptr;
-    if (size > SIZE_MAX - sizeof(Prefix)) return nullptr;
+    if (size > kMaxObject - sizeof(Prefix)) return nullptr;
     auto* b = static_cast<Block*>(std::malloc(sizeof(Block)));
     if (!b) return nullptr;
     auto* storage = static_cast<unsigned char*>(zero ? std::calloc(1, sizeof(Prefix) + size)
@@ -126,7 +136,7 @@ BlockHandle block_realloc(BlockHandle handle, std::size_t size, bool zero_growth
     auto* b = static_cast<Block*>(handle);
     if (!b || b->magic != kBlockMagic) return nullptr;
     if (should_fail(FaultKind::Allocation)) return nullptr;
-    if (size > SIZE_MAX - sizeof(Prefix)) return nullptr;
+    if (size > kMaxObject - sizeof(Prefix)) return nullptr;
     auto* storage = static_cast<unsigned char*>(std::realloc(b->storage, sizeof(Prefix) + size));
     if (!storage) return nullptr;
     if (zero_growth && size > b->size) std::memset(storage + sizeof(Prefix) + b->size, 0, size - b->size);

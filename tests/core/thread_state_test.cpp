@@ -1,6 +1,7 @@
 // Per-thread settings blocks, thread slots, callbacks, memory and runtime
 // wrappers.
 #include <clocale>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -421,6 +422,33 @@ TEST(Memory, MovableBlockAllocationFailures) {
     ASSERT_NE(q, nullptr);
     EXPECT_EQ(q[63], 0x77);
     Z_OsFree(q);
+}
+
+TEST(Memory, ImpossibleSizesFailCleanly) {
+    const size_t sizes[] = {SIZE_MAX, SIZE_MAX - 8, SIZE_MAX / 2 + 1};
+    for (size_t size : sizes) {
+        EXPECT_EQ(Z_Malloc(size), nullptr);
+        EXPECT_EQ(Z_OsAlloc(size), nullptr);
+        EXPECT_EQ(Z_OsAllocInit(size, 1), nullptr);
+    }
+    // count * size beyond the address space.
+    EXPECT_EQ(Z_Calloc(SIZE_MAX / 2, 3), nullptr);
+    EXPECT_EQ(Z_Calloc(3, SIZE_MAX / 2), nullptr);
+    auto* heap = static_cast<uint8_t*>(Z_Malloc(8));
+    auto* block = static_cast<uint8_t*>(Z_OsAlloc(8));
+    ASSERT_NE(heap, nullptr);
+    ASSERT_NE(block, nullptr);
+    heap[7] = 1;
+    block[7] = 2;
+    for (size_t size : sizes) {
+        EXPECT_EQ(Z_Realloc(heap, size), nullptr);
+        EXPECT_EQ(Z_OsReAlloc(block, size), nullptr);
+        EXPECT_EQ(Z_OsReAllocInit(block, size, 1), nullptr);
+    }
+    EXPECT_EQ(heap[7], 1);  // both kept
+    EXPECT_EQ(block[7], 2);
+    Z_Free(heap);
+    Z_OsFree(block);
 }
 
 // ---------------------------------------------------------------------------
