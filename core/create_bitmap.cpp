@@ -2,10 +2,9 @@
 // perspective, and attach caller memory.
 #include "bitmap_handle.h"
 
-extern "C" int32_t Z_API Z_CreateBitmap(BitmapHandle* bitmap, int32_t structSize, uint32_t memoryType,
-                                        int32_t width, int32_t height, int32_t bitsPerPixel, uint32_t order,
-                                        const RGBQUAD* palette, uint32_t viewPerspective, void* data,
-                                        size_t dataSize) {
+extern "C" int32_t Z_API Z_CreateBitmap(BitmapHandle* bitmap, int32_t structSize, uint32_t memoryType, int32_t width,
+                                        int32_t height, int32_t bitsPerPixel, uint32_t order, const RGBQUAD* palette,
+                                        uint32_t viewPerspective, void* data, size_t dataSize) {
     if (!bitmap) return ST_BAD_PARAM;
     if (structSize != Z_BITMAPHANDLE_SIZE) return ST_BAD_STRUCT_SIZE;
     bitmap->StructSize = zk::kStructSize;

@@ -22,7 +22,7 @@ namespace {
 
 constexpr uint64_t kDefaultTileSize = 0x1000000;  // 16 MiB
 constexpr size_t kFileChunk = size_t{1} << 30;
-constexpr size_t kConventionalSlack = 31;         // room to align Data up to 32 bytes
+constexpr size_t kConventionalSlack = 31;  // room to align Data up to 32 bytes
 
 Z_FILE file_of(const BitmapHandle& b) { return static_cast<Z_FILE>(reinterpret_cast<intptr_t>(b.DataHandle)); }
 
@@ -259,10 +259,17 @@ int32_t allocate_memory(BitmapHandle& b, uint32_t type) {
 
 bool accepted_type(uint32_t type) {
     switch (type) {
-        case 1: case 2: case 4: case 8: case 9: case 128: case 256: case 768: case 1024: case 1025:
-            return true;
-        default:
-            return false;
+        case 1:
+        case 2:
+        case 4:
+        case 8:
+        case 9:
+        case 128:
+        case 256:
+        case 768:
+        case 1024:
+        case 1025: return true;
+        default: return false;
     }
 }
 
@@ -369,8 +376,8 @@ int64_t mul_div(int64_t a, int64_t b, int64_t c) {
     } else {
         // Figures this wide never come from the thresholds; keep the order of
         // magnitude without overflowing.
-        const long double v = static_cast<long double>(ua) * static_cast<long double>(ub) /
-                              static_cast<long double>(uc) + 0.5L;
+        const long double v =
+            static_cast<long double>(ua) * static_cast<long double>(ub) / static_cast<long double>(uc) + 0.5L;
         q = v >= 9.2e18L ? static_cast<uint64_t>(INT64_MAX) : static_cast<uint64_t>(v);
     }
     const int64_t r = q > static_cast<uint64_t>(INT64_MAX) ? INT64_MAX : static_cast<int64_t>(q);
@@ -381,8 +388,7 @@ int64_t mul_div(int64_t a, int64_t b, int64_t c) {
 int32_t allocate(BitmapHandle& b, uint32_t type) {
     b.Flags &= ~BF_STORAGE_MASK;
     if (type & TYPE_COMPRESSED) type = b.BitsPerPixel == 1 ? 0x300u : (type & ~TYPE_COMPRESSED);
-    if ((type & TYPE_SUPERCOMPRESSED) && b.BitsPerPixel != 24 && b.BitsPerPixel != 1)
-        type &= ~TYPE_SUPERCOMPRESSED;
+    if ((type & TYPE_SUPERCOMPRESSED) && b.BitsPerPixel != 24 && b.BitsPerPixel != 1) type &= ~TYPE_SUPERCOMPRESSED;
     if (!accepted_type(type)) return ST_BAD_PARAM;
 
     auto* map = static_cast<uint8_t*>(Z_OsAlloc(256));
@@ -480,8 +486,8 @@ extern "C" void Z_API Z_UnlockBitmap(BitmapHandle* bitmap, int32_t wasLocked) {
     if (wasLocked == 0) Z_ReleaseBitmap(bitmap);
 }
 
-extern "C" int32_t Z_API Z_SetMemoryThresholds(int32_t reserve, int32_t maxConv, int32_t tileSize,
-                                               int32_t maxMemTiles, int32_t tileViews, uint32_t mask) {
+extern "C" int32_t Z_API Z_SetMemoryThresholds(int32_t reserve, int32_t maxConv, int32_t tileSize, int32_t maxMemTiles,
+                                               int32_t tileViews, uint32_t mask) {
     zk::ThreadState& s = zk::thread_state();
     struct Item {
         int32_t value;

@@ -38,7 +38,7 @@ struct TileEntry {
 
 struct alignas(alignof(TileEntry)) TileTable {
     uint32_t TileCount;
-    uint32_t MemTiles;     // tiles 0 .. MemTiles-1 live in memory for the bitmap's life
+    uint32_t MemTiles;  // tiles 0 .. MemTiles-1 live in memory for the bitmap's life
     uint32_t RowsPerTile;
     uint32_t MappedCount;  // disk tiles mapped now
     uint32_t MaxMapped;    // most disk tiles mapped at once

@@ -67,17 +67,27 @@ int32_t transfer(BitmapHandle* b, uint8_t* buffer, uint32_t row, uint32_t column
     return static_cast<int32_t>(moved);
 }
 
+// Mask of the bits a span takes from the buffer in the byte where it starts,
+// by the bit where its first pixel begins: every bit from there down, except
+// at 2 bits per pixel for the third pixel of a byte, where the mask is 0C and
+// the byte's last pixel keeps its stored value (the established behaviour of
+// segment writes at that depth).
+uint8_t start_mask(int32_t bpp, uint32_t dbit) {
+    if (bpp == 2 && dbit == 4) return 0x0C;
+    return static_cast<uint8_t>(0xFFu >> dbit);
+}
+
 // Copies `bits` bits from src (starting at bit `sbit`, most significant bit
 // of a byte first) over dst (from bit `dbit`), leaving the other bits of dst.
 // dbit is below 8; dst holds the touched bytes only.
-void merge_bits(uint8_t* dst, uint32_t dbit, const uint8_t* src, uint64_t sbit, uint64_t bits) {
+void merge_bits(int32_t bpp, uint8_t* dst, uint32_t dbit, const uint8_t* src, uint64_t sbit, uint64_t bits) {
     const uint64_t end = dbit + bits;
     const size_t nbytes = static_cast<size_t>((end + 7) / 8);
+    const uint8_t first = start_mask(bpp, dbit);
     if (dbit == sbit % 8) {
         // Same phase: merge the first and last bytes through masks and copy
         // the bytes between.
         const uint8_t* s = src + sbit / 8;
-        const uint8_t first = static_cast<uint8_t>(0xFFu >> dbit);
         const uint8_t last = (end % 8) ? static_cast<uint8_t>(0xFFu << (8 - end % 8)) : 0xFF;
         if (nbytes == 1) {
             const uint8_t m = first & last;
@@ -90,7 +100,8 @@ void merge_bits(uint8_t* dst, uint32_t dbit, const uint8_t* src, uint64_t sbit, 
         return;
     }
     // Different phase (a destination offset that is not a whole number of
-    // bytes): bit by bit.
+    // bytes): bit by bit, the start byte then held to its mask.
+    const uint8_t before = dst[0];
     for (uint64_t k = 0; k < bits; ++k) {
         const uint64_t sb = sbit + k;
         const uint64_t db = dbit + k;
@@ -98,10 +109,11 @@ void merge_bits(uint8_t* dst, uint32_t dbit, const uint8_t* src, uint64_t sbit, 
         const uint8_t mask = static_cast<uint8_t>(0x80u >> (db % 8));
         dst[db / 8] = static_cast<uint8_t>(bit ? (dst[db / 8] | mask) : (dst[db / 8] & ~mask));
     }
+    dst[0] = static_cast<uint8_t>((before & ~first) | (dst[0] & first));
 }
 
-int32_t put_segments(BitmapHandle* b, const uint8_t* buffer, uint32_t row, uint32_t x_offset,
-                     const uint32_t* segments, uint32_t count) {
+int32_t put_segments(BitmapHandle* b, const uint8_t* buffer, uint32_t row, uint32_t x_offset, const uint32_t* segments,
+                     uint32_t count) {
     if (!b || !buffer || !segments) return ST_BAD_PARAM;
     if (b->StructSize != zk::kStructSize) return ST_BAD_STRUCT_SIZE;
     if ((b->Flags & BF_COMPRESSED) || ((b->Flags & BF_SUPERCOMPRESSED) && !(b->Flags & BF_TILED))) {
@@ -130,7 +142,7 @@ int32_t put_segments(BitmapHandle* b, const uint8_t* buffer, uint32_t row, uint3
         const size_t n = static_cast<size_t>((d1 + 7) / 8) - first;
         uint8_t* p = ops->map(*b, row_start + first, n);
         if (p) {
-            merge_bits(p, static_cast<uint32_t>(d0 % 8), buffer, start * bpp, d1 - d0);
+            merge_bits(b->BitsPerPixel, p, static_cast<uint32_t>(d0 % 8), buffer, start * bpp, d1 - d0);
         } else {
             if (!scratch) {
                 scratch.reset(new (std::nothrow) uint8_t[b->BytesPerLine]);
@@ -139,7 +151,7 @@ int32_t put_segments(BitmapHandle* b, const uint8_t* buffer, uint32_t row, uint3
             const int64_t got = ops->fetch(*b, row_start + first, scratch.get(), n);
             if (got < 0) return static_cast<int32_t>(got);
             if (static_cast<size_t>(got) < n) return ST_FILE_READ;
-            merge_bits(scratch.get(), static_cast<uint32_t>(d0 % 8), buffer, start * bpp, d1 - d0);
+            merge_bits(b->BitsPerPixel, scratch.get(), static_cast<uint32_t>(d0 % 8), buffer, start * bpp, d1 - d0);
             const int64_t put = ops->store(*b, row_start + first, scratch.get(), n);
             if (put < 0) return static_cast<int32_t>(put);
             if (static_cast<size_t>(put) < n) return ST_FILE_WRITE;
@@ -165,8 +177,8 @@ extern "C" int32_t Z_API Z_GetBitmapRowCol(BitmapHandle* bitmap, uint8_t* buffer
     return transfer(bitmap, buffer, row, column, bytes, false);
 }
 
-extern "C" int32_t Z_API Z_PutBitmapRowCol(BitmapHandle* bitmap, const uint8_t* buffer, uint32_t row,
-                                           uint32_t column, uint32_t bytes) {
+extern "C" int32_t Z_API Z_PutBitmapRowCol(BitmapHandle* bitmap, const uint8_t* buffer, uint32_t row, uint32_t column,
+                                           uint32_t bytes) {
     return transfer(bitmap, const_cast<uint8_t*>(buffer), row, column, bytes, true);
 }
 

@@ -26,7 +26,7 @@ inline const char* kind_name(Kind k) {
     return "?";
 }
 
-constexpr Kind kAllKinds[] = {Kind::Conventional, Kind::Global,    Kind::Caller, Kind::TiledMemory,
+constexpr Kind kAllKinds[] = {Kind::Conventional, Kind::Global,     Kind::Caller, Kind::TiledMemory,
                               Kind::TiledDisk,    Kind::TiledMixed, Kind::Disk};
 
 // Saves the thread's thresholds and memory figures and puts them back.
@@ -55,9 +55,7 @@ inline void make_bitmap(Kind kind, int32_t width, int32_t height, int32_t bpp, B
     b = described(width, height, bpp);
     const int32_t three_rows = static_cast<int32_t>(b.BytesPerLine * 3);
     switch (kind) {
-        case Kind::Conventional:
-            ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_CONV), ST_OK);
-            break;
+        case Kind::Conventional: ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_CONV), ST_OK); break;
         case Kind::Global:
             ASSERT_EQ(zk::storage::allocate_global(b), ST_OK);
             Z_AccessBitmap(&b);
@@ -79,9 +77,7 @@ inline void make_bitmap(Kind kind, int32_t width, int32_t height, int32_t bpp, B
             set_tiles(three_rows, 3, 1);
             ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_TILED), ST_OK);
             break;
-        case Kind::Disk:
-            ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_DISK), ST_OK);
-            break;
+        case Kind::Disk: ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_DISK), ST_OK); break;
     }
 }
 

@@ -44,11 +44,15 @@ TEST_F(Storage, BadInputIsRefusedBeforeAnythingIsAllocated) {
         uint32_t type;
         int32_t status;
     } cases[] = {
-        {nullptr, TYPE_CONV, ST_BAD_PARAM},   {&wrong, TYPE_CONV, ST_BAD_STRUCT_SIZE},
-        {&zero, TYPE_CONV, ST_BAD_POSITION},  {&b, 0, ST_BAD_PARAM},
-        {&b, 3, ST_BAD_PARAM},                {&b, 16, ST_BAD_PARAM},
-        {&b, 129, ST_BAD_PARAM},              {&b, TYPE_COMPRESSED, ST_BAD_PARAM},  // 8 bits: 512 -> 0
-        {&b, TYPE_SUPERCOMPRESSED, ST_BAD_PARAM},                                   // 8 bits: 1024 -> 0
+        {nullptr, TYPE_CONV, ST_BAD_PARAM},
+        {&wrong, TYPE_CONV, ST_BAD_STRUCT_SIZE},
+        {&zero, TYPE_CONV, ST_BAD_POSITION},
+        {&b, 0, ST_BAD_PARAM},
+        {&b, 3, ST_BAD_PARAM},
+        {&b, 16, ST_BAD_PARAM},
+        {&b, 129, ST_BAD_PARAM},
+        {&b, TYPE_COMPRESSED, ST_BAD_PARAM},       // 8 bits: 512 -> 0
+        {&b, TYPE_SUPERCOMPRESSED, ST_BAD_PARAM},  // 8 bits: 1024 -> 0
     };
     for (const Case& c : cases) {
         pf::reset_fault_counters();
@@ -201,10 +205,10 @@ TEST_F(Storage, KindFollowsSizeAndThresholds) {
         int32_t max_conv, reserve;
         uint32_t type, expected;
     } cases[] = {
-        {0x7FFFFFFF, 0, TYPE_CONV, TYPE_CONV},  // fits under every limit
-        {-20, 0, TYPE_CONV, TYPE_CONV},         // 20% of 1e6 = 200000 >= 100000
-        {-5, 0, TYPE_CONV, TYPE_TILED},         // 5% is too small: tiled
-        {50000, 0, TYPE_CONV, TYPE_TILED},      // byte limit
+        {0x7FFFFFFF, 0, TYPE_CONV, TYPE_CONV},     // fits under every limit
+        {-20, 0, TYPE_CONV, TYPE_CONV},            // 20% of 1e6 = 200000 >= 100000
+        {-5, 0, TYPE_CONV, TYPE_TILED},            // 5% is too small: tiled
+        {50000, 0, TYPE_CONV, TYPE_TILED},         // byte limit
         {0x7FFFFFFF, -25, TYPE_CONV, TYPE_TILED},  // reserve 25% of 4e6 leaves nothing free
         {0x7FFFFFFF, 0, TYPE_NOTILE | TYPE_CONV, TYPE_CONV},
         {-5, 0, TYPE_NOTILE | TYPE_CONV, TYPE_DISK},  // too big and never tiled
@@ -294,7 +298,9 @@ TEST_F(Storage, UnwritableTemporaryDirectoryLeavesNothingBehind) {
     struct Case {
         uint32_t type;
         int32_t status;
-    } cases[] = {{TYPE_DISK, ST_TEMP_FILE}, {TYPE_TILED, ST_TEMP_FILE}, {TYPE_CONV, ST_TEMP_FILE},
+    } cases[] = {{TYPE_DISK, ST_TEMP_FILE},
+                 {TYPE_TILED, ST_TEMP_FILE},
+                 {TYPE_CONV, ST_TEMP_FILE},
                  {TYPE_MEMORY_ONLY, ST_NO_MEMORY}};
     for (const Case& c : cases) {
         BitmapHandle b = described(1000, 100, 8);
@@ -317,11 +323,10 @@ TEST_F(Storage, InjectedFailureAtEveryCallLeaksNothing) {
         for (uint32_t type : types) {
             for (int32_t mem : mem_tiles) {
                 // Above 50000 bytes conventional storage is not tried.
-                ASSERT_EQ(Z_SetMemoryThresholds(0, type == TYPE_CONV ? 0x7FFFFFFF : 50000, 10000, mem, 1, 30),
-                          ST_OK);
+                ASSERT_EQ(Z_SetMemoryThresholds(0, type == TYPE_CONV ? 0x7FFFFFFF : 50000, 10000, mem, 1, 30), ST_OK);
                 for (int n = 1; n < 200; ++n) {
-                    SCOPED_TRACE(testing::Message() << static_cast<int>(kind) << " type " << type << " mem " << mem
-                                                    << " n " << n);
+                    SCOPED_TRACE(testing::Message()
+                                 << static_cast<int>(kind) << " type " << type << " mem " << mem << " n " << n);
                     BitmapHandle b = described(1000, 95, 8);
                     pf::reset_fault_counters();
                     int32_t status;
@@ -395,9 +400,8 @@ TEST_F(Storage, ThresholdsAreCheckedInOrderAndKeptPerThread) {
 TEST(StorageMulDiv, RoundsHalvesAwayFromZero) {
     struct Case {
         int64_t a, b, c, r;
-    } cases[] = {{10, 50, 100, 5},  {6, 25, 75, 2},    {6, 10, 90, 1},          {1, 1, 2, 1}, {-1, 1, 2, -1},
-                 {3, 1, 2, 2},      {5, 1, 0, -1},     {-7, 3, -2, 11},         {0, -5, 3, 0},
-                 {100000, 100000, 3, 3333333333}};
+    } cases[] = {{10, 50, 100, 5}, {6, 25, 75, 2}, {6, 10, 90, 1},  {1, 1, 2, 1},  {-1, 1, 2, -1},
+                 {3, 1, 2, 2},     {5, 1, 0, -1},  {-7, 3, -2, 11}, {0, -5, 3, 0}, {100000, 100000, 3, 3333333333}};
     for (const Case& c : cases) EXPECT_EQ(zk::storage::mul_div(c.a, c.b, c.c), c.r) << c.a << "*" << c.b << "/" << c.c;
 }
 
