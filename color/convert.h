@@ -1,0 +1,96 @@
+// In-place conversion of one row of pixels between depths, colour orders,
+// palettes and gray bit ranges.
+//
+// A request is first checked and turned into a Plan (every refusal happens
+// there, before the buffer is touched). The general path then moves pixels
+// in chunks: one fetch per source depth into a common Pivot, one store per
+// destination depth out of it. Hot pairs have dedicated kernels
+// (convert_fast.cpp) that a test holds to the general path.
+//
+// May include: include/zkernel.h, color/palette.h.
+#pragma once
+
+#include <cstdint>
+
+#include "zkernel.h"
+
+namespace zk {
+
+struct ConvertRequest {
+    uint8_t* buffer = nullptr;
+    int32_t width = 0;
+    int32_t src_bits = 0;
+    uint32_t dst_bits = 0;
+    int32_t src_order = 0;
+    uint32_t dst_order = 0;
+    const RGBQUAD* src_palette = nullptr;  // the LUT for 12/16-bit gray sources
+    const RGBQUAD* dst_palette = nullptr;
+    uint32_t flags = 0;
+    uint32_t low_bit = 0xFFFFFFFFu;
+    uint32_t high_bit = 0xFFFFFFFFu;
+    uint32_t alpha_fill = 0xFFFF;  // low byte fills 8-bit alpha, the word 16-bit alpha
+};
+
+enum class ConvertPaths { WithFastPaths, GeneralOnly };
+
+int32_t convert_buffer(const ConvertRequest& request, ConvertPaths paths = ConvertPaths::WithFastPaths);
+
+// The second colour space of CO_ALT_BGR, on 3-byte pixels (byte 0, 1, 2).
+void alt_to_bgr(uint8_t* pixel);
+void bgr_to_alt(uint8_t* pixel);
+
+// One pixel of the common format every source is read into.
+struct Pivot {
+    uint16_t r, g, b;  // 16-bit channels; 8-bit values are widened by 257
+    uint16_t level;    // gray sample of a deep gray source (Plan::level_bits)
+    uint16_t index;    // index or gray byte of a palettized or 8-bit gray source
+};
+
+struct IndexMemo;
+
+// Everything a conversion needs, worked out once per call.
+struct Plan {
+    int32_t src_depth = 0;
+    int32_t dst_depth = 0;
+    uint32_t width = 0;
+
+    // Source.
+    bool src_rgb = false;     // red first (24..64 bits) or in the low bits (16)
+    bool src_alt = false;     // CO_ALT_BGR pixels turned to CO_BGR while read
+    bool src_gray16 = false;  // 16-bit gray samples
+    uint32_t src_shift = 0, src_mask = 0, src_nb = 0;  // deep gray bit range
+    const RGBQUAD* lut = nullptr;                      // deep gray LUT
+    bool wide_gray = false;   // deep gray kept at 16 bits for 16-bit consumers
+    RGBQUAD colours[256] = {};  // palettized and 8-bit gray sources
+
+    // Destination.
+    bool dst_rgb = false;
+    bool dst_alt = false;     // colour written in CO_ALT_BGR
+    bool dst_gray16 = false;  // 16-bit gray samples
+    uint32_t dst_shift = 0, dst_nb = 0;  // 12/16-bit gray destination field
+    bool level_from_colour = true;       // deep gray destinations: gray of the colour
+    uint32_t level_bits = 8;             // else Pivot::level of this many bits
+    uint8_t alpha8 = 0;
+    uint16_t alpha16 = 0;
+    const RGBQUAD* dst_palette = nullptr;  // never null for palettized destinations
+    uint32_t dst_count = 0;
+    bool use_map = false;                  // index through map
+    uint8_t map[256] = {};
+    IndexMemo* memo = nullptr;             // colour -> index cache
+};
+
+// Per exact colour, the index Z_FindPaletteIndex gave it.
+struct IndexMemo {
+    static constexpr uint32_t kSlots = 4096;
+    uint32_t key[kSlots];  // colour | 0x1000000 once filled
+    uint8_t index[kSlots];
+    void clear();
+    uint8_t find(const Plan& plan, uint32_t r, uint32_t g, uint32_t b);
+};
+
+// Dedicated kernels for hot pairs; false when none serves the plan.
+bool run_fast_path(const Plan& plan, uint8_t* buffer);
+
+constexpr uint32_t gray8(uint32_t r, uint32_t g, uint32_t b) { return (2 * r + 5 * g + b + 4) >> 3; }
+
+}  // namespace zk

@@ -1,0 +1,603 @@
+// Row conversion: refusals, every pair of depths, colour orders, gray ranges
+// and LUTs, palette mapping, the second colour space, sweeps, round trips
+// and the fast paths against the general one.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "color/convert.h"
+#include "test_support.h"
+#include "zkernel.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+constexpr uint32_t kNone = 0xFFFFFFFFu;
+
+struct Call {
+    int32_t src_bits;
+    uint32_t dst_bits;
+    int32_t src_order = CO_BGR;
+    uint32_t dst_order = CO_BGR;
+    const RGBQUAD* src_palette = nullptr;
+    const RGBQUAD* dst_palette = nullptr;
+    int32_t flags = -1;  // -1: Z_ConvertBuffer
+    uint32_t low = kNone, high = kNone;
+};
+
+// Runs a conversion on a copy of `row` padded to the conversion size plus a
+// guard band that must stay untouched.
+int32_t convert(Bytes& row, int32_t width, const Call& c) {
+    // Refused requests may carry sizes that mean nothing; keep the row then.
+    const int32_t calc =
+        width > 0 ? Z_CalcConvertSize(width, static_cast<uint32_t>(c.src_bits), width, c.dst_bits) : 0;
+    const size_t size = std::max(row.size(), static_cast<size_t>(std::clamp(calc, 0, 1 << 20)));
+    Bytes buf(size + 16, 0xA5);
+    std::copy(row.begin(), row.end(), buf.begin());
+    const int32_t st =
+        c.flags < 0 ? Z_ConvertBuffer(buf.data(), width, c.src_bits, c.dst_bits, c.src_order, c.dst_order,
+                                      c.src_palette, c.dst_palette)
+                    : Z_ConvertBufferExt(buf.data(), width, c.src_bits, c.dst_bits, c.src_order, c.dst_order,
+                                         c.src_palette, c.dst_palette, c.flags, c.low, c.high);
+    for (size_t i = size; i < buf.size(); ++i) EXPECT_EQ(buf[i], 0xA5) << "guard byte " << i - size;
+    row.assign(buf.begin(), buf.begin() + static_cast<long>(size));
+    return st;
+}
+
+// Bytes of a row of `bits` per pixel for `width` pixels (depth 0 is 8).
+size_t row_bytes(int32_t width, int32_t bits) {
+    const int64_t b = bits == 0 ? 8 : bits;
+    return static_cast<size_t>((width * b + 7) / 8);
+}
+
+Bytes head(const Bytes& b, size_t n) { return Bytes(b.begin(), b.begin() + static_cast<long>(n)); }
+
+std::string hex(const Bytes& b) {
+    std::string s;
+    char t[4];
+    for (uint8_t v : b) {
+        std::snprintf(t, sizeof t, "%02x ", v);
+        s += t;
+    }
+    return s;
+}
+
+RGBQUAD rgb(int r, int g, int b) {
+    return RGBQUAD{static_cast<uint8_t>(b), static_cast<uint8_t>(g), static_cast<uint8_t>(r), 0};
+}
+
+// Test-side encoding of a colour in a colour layout, from the format rules.
+Bytes encode_colour(uint32_t bits, uint32_t order, int r, int g, int b, int alpha = 0) {
+    const int c0 = order == CO_RGB ? r : b, c2 = order == CO_RGB ? b : r;
+    switch (bits) {
+        case 16: {
+            const int w = (c2 >> 3) << 10 | (g >> 3) << 5 | (c0 >> 3);
+            return {static_cast<uint8_t>(w), static_cast<uint8_t>(w >> 8)};
+        }
+        case 24: return {static_cast<uint8_t>(c0), static_cast<uint8_t>(g), static_cast<uint8_t>(c2)};
+        case 32: return {static_cast<uint8_t>(c0), static_cast<uint8_t>(g), static_cast<uint8_t>(c2),
+                         static_cast<uint8_t>(alpha)};
+        default: {
+            Bytes out;
+            for (int v : {c0 * 257, g * 257, c2 * 257}) {
+                out.push_back(static_cast<uint8_t>(v));
+                out.push_back(static_cast<uint8_t>(v >> 8));
+            }
+            if (bits == 64) {
+                out.push_back(static_cast<uint8_t>(alpha));
+                out.push_back(static_cast<uint8_t>(alpha >> 8));
+            }
+            return out;
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+
+TEST(ConvertSize, LargestOfTheRows) {
+    EXPECT_EQ(Z_CalcConvertSize(100, 1, 100, 24), 300);
+    EXPECT_EQ(Z_CalcConvertSize(100, 24, 50, 1), 300);
+    EXPECT_EQ(Z_CalcConvertSize(10, 0, 10, 0), 12);
+    EXPECT_EQ(Z_CalcConvertSize(3, 12, 3, 0), 8);
+    EXPECT_EQ(Z_CalcConvertSize(5, 4, 9, 4), 8);  // destination width at source depth
+    EXPECT_EQ(Z_CalcConvertSize(1, 64, 1, 1), 8);
+}
+
+TEST(ConvertBuffer, RefusalsLeaveTheBufferAlone) {
+    struct Case {
+        const char* what;
+        Call call;
+        int32_t width = 4;
+    } cases[] = {
+        {"width 0", {24, 24}, 0},
+        {"negative width", {24, 24}, -3},
+        {"source depth 9", {9, 24}},
+        {"source depth 10", {10, 24}},
+        {"source depth 65", {65, 24}},
+        {"source depth -1", {-1, 24}},
+        {"destination depth 13", {24, 13}},
+        {"destination depth 128", {24, 128}},
+        {"source order 3", {24, 24, 3, CO_BGR}},
+        {"source order -1", {8, 24, -1, CO_BGR}},
+        {"destination order 4", {24, 8, CO_BGR, 4}},
+        {"24-bit gray source", {24, 24, CO_GRAY, CO_BGR}},
+        {"24-bit gray destination", {24, 24, CO_BGR, CO_GRAY}},
+        {"32-bit second space", {24, 32, CO_BGR, CO_ALT_BGR}},
+        {"64-bit second space", {24, 64, CO_BGR, CO_ALT_BGR}},
+        {"16-bit second space", {24, 16, CO_BGR, CO_ALT_BGR}},
+        {"16-bit source second space", {16, 24, CO_ALT_BGR, CO_BGR}},
+        {"32-bit source second space", {32, 24, CO_ALT_BGR, CO_BGR}},
+        {"12-bit colour source", {12, 24, CO_RGB, CO_BGR}},
+        {"12-bit colour destination", {24, 12, CO_BGR, CO_RGB}},
+        {"both ranges", {16, 16, CO_GRAY, CO_GRAY, nullptr, nullptr, CVT_SRC_RANGE | CVT_DST_RANGE, 2, 9}},
+        {"source range on colour", {16, 24, CO_BGR, CO_BGR, nullptr, nullptr, CVT_SRC_RANGE, 2, 9}},
+        {"destination range on colour", {24, 16, CO_BGR, CO_BGR, nullptr, nullptr, CVT_DST_RANGE, 2, 9}},
+        {"empty range", {16, 0, CO_GRAY, CO_GRAY, nullptr, nullptr, CVT_SRC_RANGE, 9, 5}},
+        {"range past bit 31", {16, 0, CO_GRAY, CO_GRAY, nullptr, nullptr, CVT_SRC_RANGE, 30, 40}},
+    };
+    const Bytes original = zktest::random_bytes(64, 7);
+    for (const auto& c : cases) {
+        Bytes row = original;
+        EXPECT_EQ(convert(row, c.width, c.call), ST_BAD_PARAM) << c.what;
+        EXPECT_EQ(head(row, std::min(row.size(), original.size())),
+                  head(original, std::min(row.size(), original.size())))
+            << c.what;
+    }
+    EXPECT_EQ(Z_ConvertBuffer(nullptr, 4, 24, 24, CO_BGR, CO_RGB, nullptr, nullptr), ST_BAD_PARAM);
+    EXPECT_EQ(Z_ConvertBufferExt(nullptr, 4, 24, 24, CO_BGR, CO_RGB, nullptr, nullptr, 0, kNone, kNone),
+              ST_BAD_PARAM);
+}
+
+// The cases the format rules spell out.
+TEST(ConvertBuffer, StatedExamples) {
+    struct Case {
+        const char* what;
+        Call call;
+        Bytes in, out;
+    } cases[] = {
+        {"bgr to rgb swaps", {24, 24, CO_BGR, CO_RGB}, {1, 2, 3, 4, 5, 6}, {3, 2, 1, 6, 5, 4}},
+        {"bgr to bgr keeps", {24, 24, CO_BGR, CO_BGR}, {1, 2, 3, 4, 5, 6}, {1, 2, 3, 4, 5, 6}},
+        {"red to gray", {24, 0, CO_BGR, CO_BGR}, {0, 0, 255, 255, 255, 255}, {64, 255}},
+        {"white to 555", {24, 16, CO_BGR, CO_BGR}, {255, 255, 255}, {0xFF, 0x7F}},
+        {"555 white back", {16, 24, CO_BGR, CO_BGR}, {0xFF, 0x7F}, {255, 255, 255}},
+        {"171 widened", {24, 48, CO_BGR, CO_BGR}, {171, 0, 1}, {0xAB, 0xAB, 0, 0, 1, 1}},
+        {"48 keeps high byte", {48, 24, CO_BGR, CO_BGR}, {0xFF, 0x12, 0x00, 0x34, 0x80, 0x56}, {0x12, 0x34, 0x56}},
+        {"32 alpha 0", {24, 32, CO_BGR, CO_BGR}, {1, 2, 3}, {1, 2, 3, 0}},
+        {"32 alpha opaque", {24, 32, CO_BGR, CO_BGR, nullptr, nullptr, CVT_OPAQUE_ALPHA}, {1, 2, 3}, {1, 2, 3, 255}},
+        {"32 source alpha dropped", {32, 32, CO_BGR, CO_RGB}, {1, 2, 3, 9}, {3, 2, 1, 0}},
+        {"64 alpha opaque", {24, 64, CO_BGR, CO_RGB, nullptr, nullptr, CVT_OPAQUE_ALPHA}, {1, 2, 3},
+         {3, 3, 2, 2, 1, 1, 0xFF, 0xFF}},
+        {"32 to 24 drops alpha", {32, 24, CO_RGB, CO_RGB}, {1, 2, 3, 4, 5, 6, 7, 8}, {1, 2, 3, 5, 6, 7}},
+        {"16 gray top byte", {16, 0, CO_GRAY, CO_GRAY}, {0x34, 0x12, 0xFF, 0xAB}, {0x12, 0xAB}},
+        {"1-bit gray by index", {1, 0, CO_BGR, CO_BGR}, {0x80}, {1}},
+    };
+    for (const auto& c : cases) {
+        Bytes row = c.in;
+        ASSERT_EQ(convert(row, static_cast<int32_t>(c.out.size() * 8 / (c.call.dst_bits ? c.call.dst_bits : 8)),
+                          c.call),
+                  ST_OK)
+            << c.what;
+        EXPECT_EQ(head(row, c.out.size()), c.out) << c.what << ": " << hex(head(row, c.out.size()));
+    }
+    // Same palette, same depth: returns at once, bytes untouched.
+    Bytes row = zktest::random_bytes(16, 3);
+    const Bytes before = row;
+    const RGBQUAD* fixed = Z_IntGetFixedPalette(8);
+    EXPECT_EQ(convert(row, 16, {8, 8, CO_BGR, CO_BGR, fixed, fixed}), ST_OK);
+    EXPECT_EQ(row, before);
+}
+
+// Every pair of depths on a two-pixel row holding (132, 132, 132) and black,
+// a colour every format stores exactly. Orders are CO_BGR, or CO_GRAY for the
+// gray formats; palettized formats use a palette with black at 0 and the gray
+// at 1.
+TEST(ConvertBuffer, EveryPairOfDepths) {
+    struct Format {
+        const char* name;
+        int32_t bits;
+        uint32_t order;
+        Bytes pixels;  // the two pixels
+    };
+    std::vector<Format> formats = {
+        {"0", 0, CO_BGR, {0x84, 0x00}},
+        {"12", 12, CO_GRAY, {0x47, 0x08, 0x00}},  // 8-bit 132 widened: 132 * 4095 / 255 = 2119
+        {"16c", 16, CO_BGR, {0x10, 0x42, 0, 0}},
+        {"16g", 16, CO_GRAY, {0x84, 0x84, 0, 0}},
+        {"24", 24, CO_BGR, {0x84, 0x84, 0x84, 0, 0, 0}},
+        {"32", 32, CO_BGR, {0x84, 0x84, 0x84, 0, 0, 0, 0, 0}},
+        {"48", 48, CO_BGR, {0x84, 0x84, 0x84, 0x84, 0x84, 0x84, 0, 0, 0, 0, 0, 0}},
+        {"64", 64, CO_BGR, {0x84, 0x84, 0x84, 0x84, 0x84, 0x84, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
+    };
+    for (int b = 1; b <= 8; ++b)
+        formats.push_back({nullptr, b, CO_BGR, {static_cast<uint8_t>(b == 8 ? 1 : 1 << (8 - b)), 0}});
+    std::vector<RGBQUAD> palette(256, rgb(250, 10, 200));
+    palette[0] = rgb(0, 0, 0);
+    palette[1] = rgb(132, 132, 132);
+
+    // As a source, the 12-bit row holds 132 << 4 (its top byte is 132).
+    const Bytes src12 = {0x40, 0x08, 0x00};
+    // Deep gray to deep gray and to 16-bit channels keeps the sample's own
+    // precision: 2112 of 12 bits widens to 2112 * 65535 / 4095 = 33799
+    // (0x8407); 0x8484 of 16 bits narrows to 0x848 of 12.
+    struct Override {
+        const char* src;
+        const char* dst;
+        Bytes out;
+    } overrides[] = {
+        {"12", "12", {0x40, 0x08, 0x00}},
+        {"12", "16g", {0x07, 0x84, 0, 0}},
+        {"12", "48", {0x07, 0x84, 0x07, 0x84, 0x07, 0x84, 0, 0, 0, 0, 0, 0}},
+        {"12", "64", {0x07, 0x84, 0x07, 0x84, 0x07, 0x84, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
+        {"16g", "12", {0x48, 0x08, 0x00}},
+    };
+    int pairs = 0;
+    for (const auto& s : formats) {
+        for (const auto& d : formats) {
+            const std::string sn = s.name ? s.name : std::to_string(s.bits);
+            const std::string dn = d.name ? d.name : std::to_string(d.bits);
+            Call c{s.bits, static_cast<uint32_t>(d.bits), static_cast<int32_t>(s.order), d.order};
+            if (s.bits >= 1 && s.bits <= 8) c.src_palette = palette.data();
+            if (d.bits >= 1 && d.bits <= 8) c.dst_palette = palette.data();
+            Bytes row = sn == "12" ? src12 : s.pixels;
+            Bytes want = d.pixels;
+            for (const auto& o : overrides)
+                if (sn == o.src && dn == o.dst) want = o.out;
+            ASSERT_EQ(convert(row, 2, c), ST_OK) << sn << " -> " << dn;
+            if (d.bits >= 1 && d.bits <= 8) {
+                // Only the 2 * bits pixel bits are the result; the rest of the
+                // bytes keep what the buffer held.
+                want.resize(row_bytes(2, d.bits));
+                row.resize(want.size());
+                const int tail = static_cast<int>(8 * want.size()) - 2 * d.bits;
+                row.back() = static_cast<uint8_t>(row.back() & (0xFF << tail));
+            }
+            EXPECT_EQ(head(row, want.size()), want) << sn << " -> " << dn << ": " << hex(head(row, want.size()));
+            ++pairs;
+        }
+    }
+    EXPECT_EQ(pairs, 16 * 16);
+}
+
+// Colour orders between every pair of colour layouts, on a colour whose
+// channels survive 5 bits: (206, 99, 49).
+TEST(ConvertBuffer, ColourOrdersBetweenColourLayouts) {
+    const int r = 206, g = 99, b = 49;
+    const uint32_t depths[] = {16, 24, 32, 48, 64};
+    for (uint32_t sd : depths)
+        for (uint32_t dd : depths)
+            for (uint32_t so : {CO_RGB, CO_BGR})
+                for (uint32_t dor : {CO_RGB, CO_BGR})
+                    for (int32_t flags : {0, static_cast<int32_t>(CVT_OPAQUE_ALPHA)}) {
+                        Bytes row = encode_colour(sd, so, r, g, b, 0x77);
+                        Bytes second = encode_colour(sd, so, 8, 16, 255, 0x77);
+                        row.insert(row.end(), second.begin(), second.end());
+                        const int alpha = flags ? (dd == 64 ? 0xFFFF : 0xFF) : 0;
+                        Bytes want = encode_colour(dd, dor, r, g, b, alpha);
+                        Bytes want2 = encode_colour(dd, dor, 8, 16, 255, alpha);
+                        want.insert(want.end(), want2.begin(), want2.end());
+                        Call c{static_cast<int32_t>(sd), dd, static_cast<int32_t>(so), dor, nullptr, nullptr, flags};
+                        ASSERT_EQ(convert(row, 2, c), ST_OK);
+                        EXPECT_EQ(head(row, want.size()), want)
+                            << sd << "/" << so << " -> " << dd << "/" << dor << " flags " << flags;
+                    }
+}
+
+// Every byte value through each channel rule.
+TEST(ConvertSweeps, AllByteValues) {
+    Bytes row;
+    for (int v = 0; v < 256; ++v) row.insert(row.end(), {static_cast<uint8_t>(v), 0, 0});
+    // 24 -> 48: v * 257 in each channel; and back by the high byte.
+    Bytes wide = row;
+    ASSERT_EQ(convert(wide, 256, {24, 48, CO_BGR, CO_BGR}), ST_OK);
+    for (int v = 0; v < 256; ++v) {
+        ASSERT_EQ(wide[6 * v] | wide[6 * v + 1] << 8, v * 257) << v;
+        ASSERT_EQ(wide[6 * v + 2] | wide[6 * v + 3] << 8, 0);
+    }
+    ASSERT_EQ(convert(wide, 256, {48, 24, CO_BGR, CO_BGR}), ST_OK);
+    EXPECT_EQ(head(wide, row.size()), row);
+
+    // Each channel alone to gray: weights 1 (blue), 5 (green), 2 (red).
+    for (int channel = 0; channel < 3; ++channel) {
+        Bytes c(3 * 256, 0);
+        for (int v = 0; v < 256; ++v) c[3 * v + channel] = static_cast<uint8_t>(v);
+        ASSERT_EQ(convert(c, 256, {24, 0, CO_BGR, CO_BGR}), ST_OK);
+        const int weight = channel == 0 ? 1 : channel == 1 ? 5 : 2;
+        for (int v = 0; v < 256; ++v) ASSERT_EQ(c[v], (weight * v + 4) >> 3) << channel << " " << v;
+    }
+
+    // 5-bit rule: 24 -> 16 -> 24 gives (v >> 3) << 3 | (v >> 5).
+    Bytes five = row;
+    ASSERT_EQ(convert(five, 256, {24, 16, CO_BGR, CO_BGR}), ST_OK);
+    ASSERT_EQ(convert(five, 256, {16, 24, CO_BGR, CO_BGR}), ST_OK);
+    for (int v = 0; v < 256; ++v) ASSERT_EQ(five[3 * v], ((v >> 3) << 3) | (v >> 5)) << v;
+
+    // Gray byte to 12 and 16-bit gray: floor(g * (2^nb - 1) / 255), and back.
+    Bytes gray(256);
+    for (int v = 0; v < 256; ++v) gray[v] = static_cast<uint8_t>(v);
+    for (uint32_t deep : {12u, 16u}) {
+        Bytes d = gray;
+        ASSERT_EQ(convert(d, 256, {0, deep, CO_GRAY, CO_GRAY}), ST_OK);
+        for (int v = 0; v < 256; ++v) {
+            const uint32_t s = deep == 16 ? (d[2 * v] | d[2 * v + 1] << 8)
+                                          : (v & 1 ? (d[3 * (v / 2) + 1] >> 4 | d[3 * (v / 2) + 2] << 4)
+                                                   : (d[3 * (v / 2)] | (d[3 * (v / 2) + 1] & 15) << 8));
+            ASSERT_EQ(s, static_cast<uint32_t>(v) * ((1u << deep) - 1) / 255) << deep << " " << v;
+        }
+        ASSERT_EQ(convert(d, 256, {static_cast<int32_t>(deep), 0, CO_GRAY, CO_GRAY}), ST_OK);
+        EXPECT_EQ(head(d, 256), gray) << deep;
+    }
+}
+
+TEST(ConvertSweeps, All555Values) {
+    for (uint32_t order : {CO_RGB, CO_BGR}) {
+        Bytes row(2 * 32768);
+        for (int v = 0; v < 32768; ++v) {
+            row[2 * v] = static_cast<uint8_t>(v);
+            row[2 * v + 1] = static_cast<uint8_t>(v >> 8);
+        }
+        const Bytes original = row;
+        ASSERT_EQ(convert(row, 32768, {16, 24, static_cast<int32_t>(order), CO_BGR}), ST_OK);
+        // Spot the expansion of one channel, then come back.
+        EXPECT_EQ(row[3 * 0x7C00 + (order == CO_BGR ? 2 : 0)], 255);
+        ASSERT_EQ(convert(row, 32768, {24, 16, CO_BGR, order}), ST_OK);
+        EXPECT_EQ(head(row, original.size()), original) << order;
+    }
+}
+
+TEST(ConvertSweeps, Every12BitSample) {
+    // 4,096 samples packed two in three bytes, through 16-bit gray and back.
+    Bytes row(3 * 2048);
+    for (uint32_t s = 0; s < 4096; ++s) {
+        uint8_t* q = row.data() + 3 * (s / 2) + (s & 1);
+        if (s & 1) {
+            q[0] = static_cast<uint8_t>((q[0] & 0x0F) | (s & 15) << 4);
+            q[1] = static_cast<uint8_t>(s >> 4);
+        } else {
+            q[0] = static_cast<uint8_t>(s);
+            q[1] = static_cast<uint8_t>(s >> 8);
+        }
+    }
+    const Bytes original = row;
+    ASSERT_EQ(convert(row, 4096, {12, 16, CO_GRAY, CO_GRAY}), ST_OK);
+    for (uint32_t s = 0; s < 4096; ++s)
+        ASSERT_EQ(row[2 * s] | row[2 * s + 1] << 8, s * 65535 / 4095) << s;
+    ASSERT_EQ(convert(row, 4096, {16, 12, CO_GRAY, CO_GRAY}), ST_OK);
+    EXPECT_EQ(head(row, original.size()), original);
+    // To 8-bit gray: the top 8 bits.
+    row = original;
+    ASSERT_EQ(convert(row, 4096, {12, 0, CO_GRAY, CO_GRAY}), ST_OK);
+    for (uint32_t s = 0; s < 4096; ++s) ASSERT_EQ(row[s], s >> 4) << s;
+}
+
+TEST(ConvertRoundTrips, ColourLayouts) {
+    for (int width : {1, 2, 3, 7, 64, 65, 333}) {
+        const Bytes row = zktest::random_bytes(3 * static_cast<size_t>(width), static_cast<uint32_t>(width));
+        for (uint32_t mid : {32u, 48u, 64u})
+            for (uint32_t order : {CO_RGB, CO_BGR}) {
+                Bytes r = row;
+                ASSERT_EQ(convert(r, width, {24, mid, CO_BGR, order}), ST_OK);
+                ASSERT_EQ(convert(r, width, {static_cast<int32_t>(mid), 24, static_cast<int32_t>(order), CO_BGR}),
+                          ST_OK);
+                EXPECT_EQ(head(r, row.size()), row) << width << " via " << mid << "/" << order;
+            }
+        // The second space survives 48 bits.
+        Bytes r = row;
+        ASSERT_EQ(convert(r, width, {24, 48, CO_ALT_BGR, CO_ALT_BGR}), ST_OK);
+        ASSERT_EQ(convert(r, width, {48, 24, CO_ALT_BGR, CO_ALT_BGR}), ST_OK);
+        EXPECT_EQ(head(r, row.size()), row) << width;
+    }
+}
+
+// Palettized rows through 24 bits and back with the same palette of
+// distinct colours are unchanged; this also walks every sub-byte packing in
+// both directions in place.
+TEST(ConvertRoundTrips, PalettizedThroughColour) {
+    std::mt19937 rng(11);
+    for (int32_t bits = 1; bits <= 8; ++bits) {
+        std::vector<RGBQUAD> pal(256);
+        for (int i = 0; i < 256; ++i) pal[i] = rgb(i, (i * 37) & 255, 255 - i);
+        for (int width : {1, 2, 3, 5, 8, 9, 31, 100}) {
+            Bytes row(row_bytes(width, bits));
+            for (auto& v : row) v = static_cast<uint8_t>(rng());
+            // Bits past the last pixel are not pixels; clear them.
+            const int tail = static_cast<int>(row.size() * 8 - static_cast<size_t>(width * bits));
+            row.back() = static_cast<uint8_t>(row.back() & (0xFF << tail));
+            for (uint32_t mid : {24u, 32u, 48u}) {
+                Bytes r = row;
+                ASSERT_EQ(convert(r, width, {bits, mid, CO_BGR, CO_RGB, pal.data(), nullptr}), ST_OK);
+                ASSERT_EQ(convert(r, width, {static_cast<int32_t>(mid), static_cast<uint32_t>(bits), CO_RGB, CO_BGR,
+                                             nullptr, pal.data()}),
+                          ST_OK);
+                r.resize(row.size());
+                r.back() = static_cast<uint8_t>(r.back() & (0xFF << tail));
+                EXPECT_EQ(r, row) << bits << " bits, width " << width << " via " << mid;
+            }
+        }
+    }
+}
+
+// Palette mapping between palettized depths.
+TEST(ConvertPalettes, Mapping) {
+    std::vector<RGBQUAD> small(16), big(256, rgb(1, 200, 3));
+    for (int i = 0; i < 16; ++i) small[i] = rgb(16 * i, 255 - 16 * i, 7 * i);
+    std::copy(small.begin(), small.end(), big.begin());
+    // A prefix-equal palette maps indices to themselves.
+    Bytes row = {0x01, 0x23, 0x45, 0xEF};
+    ASSERT_EQ(convert(row, 8, {4, 8, CO_BGR, CO_BGR, small.data(), big.data()}), ST_OK);
+    EXPECT_EQ(head(row, 8), (Bytes{0, 1, 2, 3, 4, 5, 14, 15}));
+    // Moved entries are found where they went.
+    std::vector<RGBQUAD> reversed(small.rbegin(), small.rend());
+    row = {0x01, 0x23};
+    ASSERT_EQ(convert(row, 4, {4, 4, CO_BGR, CO_BGR, small.data(), reversed.data()}), ST_OK);
+    EXPECT_EQ(head(row, 2), (Bytes{0xFE, 0xDC}));
+    // No source palette: index i is gray level i; no destination palette: the
+    // fixed palette of the depth.
+    row = {0x00, 0x03};  // 2-bit indices 0, 0, 0, 0, 0, 0, 0, 3
+    ASSERT_EQ(convert(row, 8, {2, 8, CO_BGR, CO_BGR, nullptr, Z_IntGetFixedPalette(8)}), ST_OK);
+    EXPECT_EQ(row[7], Z_FindPaletteIndex(Z_IntGetFixedPalette(8), 256, 3, 3, 3));
+    row = {0x0F};  // 4-bit indices 0 and 15 of `small` to the fixed 1-bit palette
+    ASSERT_EQ(convert(row, 2, {4, 1, CO_BGR, CO_BGR, small.data(), nullptr}), ST_OK);
+    EXPECT_EQ(row[0] >> 6, static_cast<int>(Z_FindPaletteIndex(Z_IntGetFixedPalette(1), 2, 0, 255, 0) << 1 |
+                                            Z_FindPaletteIndex(Z_IntGetFixedPalette(1), 2, 240, 15, 105)));
+    // Palettized to gray: the gray level of each colour.
+    row = {0x0F};
+    ASSERT_EQ(convert(row, 2, {4, 0, CO_BGR, CO_BGR, small.data(), nullptr}), ST_OK);
+    EXPECT_EQ(head(row, 2), (Bytes{(0 + 5 * 255 + 0 + 4) >> 3, (2 * 240 + 5 * 15 + 105 + 4) >> 3}));
+}
+
+// Colour to palette indices equals the search, pixel by pixel, for random
+// colours against a custom palette (the per-colour memo must not change it).
+TEST(ConvertPalettes, ColourToIndexEqualsTheSearch) {
+    std::vector<RGBQUAD> pal(256);
+    std::mt19937 rng(5);
+    for (auto& e : pal) e = rgb(rng() & 255, rng() & 255, rng() & 255);
+    const int width = 5000;
+    Bytes row = zktest::random_bytes(3 * width, 21);
+    for (int i = 0; i < 300; ++i) std::copy_n(row.begin() + 3 * i, 3, row.begin() + 3 * (width - 1 - i));
+    const Bytes src = row;
+    for (uint32_t bits : {8u, 5u}) {
+        row = src;
+        ASSERT_EQ(convert(row, width, {24, bits, CO_RGB, CO_BGR, nullptr, pal.data()}), ST_OK);
+        for (int i = 0; i < width; ++i) {
+            const uint32_t want = Z_FindPaletteIndex(pal.data(), 1u << bits, src[3 * i], src[3 * i + 1], src[3 * i + 2]);
+            const uint32_t got = bits == 8 ? row[i] : (((row[5 * i / 8] << 8 | row[5 * i / 8 + 1]) >> (11 - 5 * i % 8)) & 31);
+            ASSERT_EQ(got, want & ((1u << bits) - 1)) << bits << " pixel " << i;
+        }
+    }
+}
+
+// Deep gray: bit ranges, LUTs and destination fields.
+TEST(ConvertGray, RangesAndLuts) {
+    // 16-bit samples, bits 4..11 significant: (s >> 4) & 255.
+    Bytes row = {0x34, 0x12, 0xF0, 0x0F};
+    ASSERT_EQ(convert(row, 2, {16, 0, CO_GRAY, CO_GRAY, nullptr, nullptr, CVT_SRC_RANGE, 4, 11}), ST_OK);
+    EXPECT_EQ(head(row, 2), (Bytes{0x23, 0xFF}));
+    // Bits 0..3 only: 4-bit levels stretched to 255.
+    row = {0x0A, 0x77, 0x0F, 0x00};
+    ASSERT_EQ(convert(row, 2, {16, 0, CO_GRAY, CO_GRAY, nullptr, nullptr, CVT_SRC_RANGE, 0, 3}), ST_OK);
+    EXPECT_EQ(head(row, 2), (Bytes{170, 255}));
+    // A range covering the whole sample is dropped: same as none.
+    row = {0x34, 0x12};
+    ASSERT_EQ(convert(row, 1, {16, 0, CO_GRAY, CO_GRAY, nullptr, nullptr, CVT_SRC_RANGE, 0, 15}), ST_OK);
+    EXPECT_EQ(row[0], 0x12);
+    // Destination field: 8-bit gray into bits 2..9 of a 16-bit sample.
+    row = {0x00, 0x00, 0x00, 0xFF, 0xFF, 0xFF};
+    ASSERT_EQ(convert(row, 2, {24, 16, CO_BGR, CO_GRAY, nullptr, nullptr, CVT_DST_RANGE, 2, 9}), ST_OK);
+    EXPECT_EQ(head(row, 4), (Bytes{0x00, 0x00, 0xFC, 0x03}));
+    // ... and of a 12-bit field, bits 4..7 (4 bits: g >> 4): 0x080, 0x0F0.
+    row = {0x80, 0x80, 0x80, 0xFF, 0xFF, 0xFF};
+    ASSERT_EQ(convert(row, 2, {24, 12, CO_BGR, CO_GRAY, nullptr, nullptr, CVT_DST_RANGE, 4, 7}), ST_OK);
+    EXPECT_EQ(head(row, 3), (Bytes{0x80, 0x00, 0x0F}));
+
+    // A LUT replaces the ramp: 12-bit samples index it whole.
+    std::vector<RGBQUAD> lut(4096);
+    for (int i = 0; i < 4096; ++i) lut[i] = rgb(255 - i / 16, (i * 7) & 255, i & 255);
+    row = {0x23, 0x41, 0xFF};  // samples 0x123 and 0xFF4
+    Bytes gray = row;
+    ASSERT_EQ(convert(gray, 2, {12, 0, CO_GRAY, CO_GRAY, lut.data(), nullptr}), ST_OK);
+    auto level = [&](int i) { return (2 * lut[i].rgbRed + 5 * lut[i].rgbGreen + lut[i].rgbBlue + 4) >> 3; };
+    EXPECT_EQ(head(gray, 2), (Bytes{static_cast<uint8_t>(level(0x123)), static_cast<uint8_t>(level(0xFF4))}));
+    Bytes colour = row;
+    ASSERT_EQ(convert(colour, 2, {12, 24, CO_GRAY, CO_RGB, lut.data(), nullptr}), ST_OK);
+    EXPECT_EQ(head(colour, 3), (Bytes{lut[0x123].rgbRed, lut[0x123].rgbGreen, lut[0x123].rgbBlue}));
+    Bytes index = row;
+    ASSERT_EQ(convert(index, 2, {12, 8, CO_GRAY, CO_BGR, lut.data(), Z_IntGetFixedPalette(8)}), ST_OK);
+    EXPECT_EQ(index[1], Z_FindPaletteIndex(Z_IntGetFixedPalette(8), 256, lut[0xFF4].rgbRed, lut[0xFF4].rgbGreen,
+                                           lut[0xFF4].rgbBlue));
+    // Without a LUT, gray to a palette looks up the 8-bit level.
+    index = row;
+    ASSERT_EQ(convert(index, 2, {12, 8, CO_GRAY, CO_BGR, nullptr, nullptr}), ST_OK);
+    EXPECT_EQ(index[0], Z_FindPaletteIndex(Z_IntGetFixedPalette(8), 256, 0x12, 0x12, 0x12));
+    // Deep gray to 48 bits keeps 16-bit precision.
+    Bytes wide = {0x34, 0x12};
+    ASSERT_EQ(convert(wide, 1, {16, 48, CO_GRAY, CO_BGR}), ST_OK);
+    EXPECT_EQ(head(wide, 6), (Bytes{0x34, 0x12, 0x34, 0x12, 0x34, 0x12}));
+}
+
+// The second colour space against its formulas, over random pixels.
+TEST(ConvertAltSpace, FormulasOverRandomPixels) {
+    const int width = 4000;
+    const Bytes src = zktest::random_bytes(3 * width, 99);
+    auto clamp = [](int v) { return std::clamp(v / 8192, 0, 255); };
+    Bytes back = src;
+    ASSERT_EQ(convert(back, width, {24, 24, CO_ALT_BGR, CO_BGR}), ST_OK);
+    Bytes fwd = src;
+    ASSERT_EQ(convert(fwd, width, {24, 24, CO_BGR, CO_ALT_BGR}), ST_OK);
+    Bytes rgb_out = src;
+    ASSERT_EQ(convert(rgb_out, width, {24, 24, CO_ALT_BGR, CO_RGB}), ST_OK);
+    for (int i = 0; i < width; ++i) {
+        const int x = src[3 * i], y = src[3 * i + 1], z = src[3 * i + 2];
+        const int b0 = clamp(9467 * x - 1151 * y - 125 * z + 4095);
+        const int b1 = clamp(-305 * x + 10232 * y - 1735 * z + 4095);
+        const int b2 = clamp(-2156 * x - 6498 * y + 16846 * z + 4095);
+        ASSERT_EQ((Bytes{back[3 * i], back[3 * i + 1], back[3 * i + 2]}),
+                  (Bytes{static_cast<uint8_t>(b0), static_cast<uint8_t>(b1), static_cast<uint8_t>(b2)}))
+            << x << " " << y << " " << z;
+        ASSERT_EQ((Bytes{rgb_out[3 * i], rgb_out[3 * i + 2]}),
+                  (Bytes{static_cast<uint8_t>(b2), static_cast<uint8_t>(b0)}));
+        const int f0 = (7151 * x + 897 * y + 145 * z + 4095) >> 13;
+        const int f1 = (394 * x + 7067 * y + 731 * z + 4095) >> 13;
+        const int f2 = (1067 * x + 2841 * y + 4284 * z + 4095) >> 13;
+        ASSERT_EQ((Bytes{fwd[3 * i], fwd[3 * i + 1], fwd[3 * i + 2]}),
+                  (Bytes{static_cast<uint8_t>(f0), static_cast<uint8_t>(f1), static_cast<uint8_t>(f2)}));
+    }
+    // Extremes clamp: pure green in the second space has negative blue and
+    // red numerators and a green one above 255; white stays white.
+    Bytes edge = {0, 255, 0, 255, 255, 255};
+    ASSERT_EQ(convert(edge, 2, {24, 24, CO_ALT_BGR, CO_BGR}), ST_OK);
+    EXPECT_EQ(head(edge, 6), (Bytes{0, 255, 0, 255, 255, 255}));
+    // Both in the second space: untouched. 48 bits: the 24-bit result widened.
+    Bytes same = src;
+    ASSERT_EQ(convert(same, width, {24, 24, CO_ALT_BGR, CO_ALT_BGR}), ST_OK);
+    EXPECT_EQ(head(same, src.size()), src);
+    Bytes wide = head(src, 30);
+    ASSERT_EQ(convert(wide, 10, {24, 48, CO_BGR, CO_ALT_BGR}), ST_OK);
+    for (int i = 0; i < 30; ++i) ASSERT_EQ(wide[2 * i] | wide[2 * i + 1] << 8, fwd[i] * 257) << i;
+    Bytes narrow = wide;
+    ASSERT_EQ(convert(narrow, 10, {48, 24, CO_ALT_BGR, CO_BGR}), ST_OK);
+    Bytes via24 = head(fwd, 30);
+    ASSERT_EQ(convert(via24, 10, {24, 24, CO_ALT_BGR, CO_BGR}), ST_OK);
+    EXPECT_EQ(head(narrow, 30), head(via24, 30));
+}
+
+// Each fast path gives the general path's bytes on random rows of many
+// widths, in every order combination it serves.
+TEST(ConvertFastPaths, MatchTheGeneralPath) {
+    struct Pair {
+        int32_t src;
+        uint32_t dst;
+    } pairs[] = {{24, 24}, {24, 32}, {32, 24}, {24, 0}, {24, 16}, {16, 24}, {48, 24}, {8, 24}};
+    std::vector<RGBQUAD> pal(256);
+    for (int i = 0; i < 256; ++i) pal[i] = rgb(i ^ 0x5A, (i * 3) & 255, 255 - i);
+    for (const auto& p : pairs)
+        for (uint32_t so : {CO_RGB, CO_BGR})
+            for (uint32_t dor : {CO_RGB, CO_BGR})
+                for (uint32_t flags : {0u, CVT_OPAQUE_ALPHA})
+                    for (int width = 1; width <= 130; width += (width < 20 ? 1 : 37)) {
+                        const int32_t sbits = p.src == 0 ? 8 : p.src;
+                        const size_t size = static_cast<size_t>(Z_CalcConvertSize(width, sbits, width, p.dst));
+                        Bytes row = zktest::random_bytes(size, static_cast<uint32_t>(width * 131 + p.src));
+                        zk::ConvertRequest rq;
+                        rq.width = width;
+                        rq.src_bits = p.src;
+                        rq.dst_bits = p.dst;
+                        rq.src_order = static_cast<int32_t>(so);
+                        rq.dst_order = dor;
+                        rq.src_palette = pal.data();
+                        rq.flags = flags;
+                        Bytes fast = row, general = row;
+                        rq.buffer = fast.data();
+                        ASSERT_EQ(zk::convert_buffer(rq, zk::ConvertPaths::WithFastPaths), ST_OK);
+                        rq.buffer = general.data();
+                        ASSERT_EQ(zk::convert_buffer(rq, zk::ConvertPaths::GeneralOnly), ST_OK);
+                        ASSERT_EQ(fast, general)
+                            << p.src << " -> " << p.dst << " orders " << so << "/" << dor << " width " << width;
+                    }
+}
+
+}  // namespace
