@@ -555,6 +555,35 @@ Z_EXPORT int32_t Z_API Z_PutBitmapRowSegments(BitmapHandle* bitmap, const uint8_
 Z_EXPORT int32_t Z_API Z_ConvertBuffer(uint8_t* buffer, int32_t width, int32_t srcBits, uint32_t dstBits,
                                        int32_t srcOrder, uint32_t dstOrder, const RGBQUAD* srcPalette,
                                        const RGBQUAD* dstPalette);
+/* Z_ConvertBufferExt: flags are CVT_ bits; lowBit and highBit give the gray
+ * bit range with CVT_SRC_RANGE or CVT_DST_RANGE (-1: unset). For 12- and
+ * 16-bit gray sources srcPalette is the LUT, indexed by the sample restricted
+ * to its range (capped at the source bits). Refusals are ST_BAD_PARAM and
+ * leave the buffer untouched. Choices where the format rules leave room:
+ *  - Deep gray (12/16-bit CO_GRAY) sources without a LUT keep up to 16
+ *    significant bits for 48/64-bit and 12/16-bit gray destinations: the
+ *    sample of nb bits is rescaled to the destination width, narrowing by
+ *    shifting and widening by floor(v * (2^to - 1) / (2^nb - 1)) (so 16 -> 16
+ *    and 12 -> 16 -> 12 are lossless). Other destinations get the 8-bit
+ *    level: top 8 bits, or floor(v * 255 / mask) for narrower ranges.
+ *  - Gray sources reach colour destinations as (level, level, level); with
+ *    a LUT as the LUT entry's colour (widened by 257 for 16-bit channels),
+ *    and 12/16-bit gray destinations then take that colour's gray level.
+ *  - Deep gray to palette indices: the nearest entry to the 8-bit level (or
+ *    the LUT colour), as for any colour.
+ *  - A null destination palette of a palettized destination is the fixed
+ *    palette of that depth, also when the source is palettized; a null
+ *    source palette reads index i as gray level i.
+ *  - Source orders: 16 bits CO_RGB/CO_BGR/CO_GRAY, 24 and 48 bits
+ *    CO_RGB/CO_BGR/CO_ALT_BGR, 32 and 64 bits CO_RGB/CO_BGR; depth 0 and
+ *    palettized depths take any of the four orders. Destination orders per
+ *    depth are the same, for every source depth.
+ *  - 48-bit CO_ALT_BGR is the 24-bit CO_ALT_BGR pixel widened by 257: the
+ *    transforms run on the 8-bit (high-byte) channels. Only 24- and 48-bit
+ *    destinations are in the second space; to any other depth a CO_ALT_BGR
+ *    source is turned back to CO_BGR first.
+ *  - A bit range that leaves no significant bit or reaches past bit 31 is
+ *    refused. */
 Z_EXPORT int32_t Z_API Z_ConvertBufferExt(uint8_t* buffer, int32_t width, int32_t srcBits, uint32_t dstBits,
                                           int32_t srcOrder, uint32_t dstOrder, const RGBQUAD* srcPalette,
                                           const RGBQUAD* dstPalette, int32_t flags, uint32_t lowBit,
@@ -582,6 +611,9 @@ Z_EXPORT uint32_t Z_API Z_SetPaletteEntries(HPALETTE palette, uint32_t first, ui
                                             const RGBQUAD* entries);
 Z_EXPORT int32_t Z_API Z_DeletePalette(HPALETTE palette);
 Z_EXPORT HPALETTE Z_API Z_CreateSystemPalette(void);
+/* Nearest palette entry by Euclidean distance in RGB (colour is 0x00BBGGRR),
+ * the first entry winning a tie; 0xFFFFFFFF when the bitmap has no palette of
+ * 1..256 entries, 0 for a null bitmap. */
 Z_EXPORT uint32_t Z_API Z_GetNearestPaletteIndex(const BitmapHandle* bitmap, COLORREF colour);
 Z_EXPORT uint32_t Z_API Z_FindPaletteIndex(const RGBQUAD* entries, uint32_t count, uint32_t red, uint32_t green,
                                            uint32_t blue);
