@@ -370,10 +370,12 @@ extern "C" int32_t Z_API Z_TrimBitmap(BitmapHandle* bitmap, int32_t left, int32_
                                       int32_t height) {
     if (!bitmap || !(bitmap->Flags & BF_ALLOCATED)) return ST_BAD_PARAM;
     if (bitmap->StructSize != zk::kStructSize) return ST_BAD_STRUCT_SIZE;
-    if (left < 0) left = 0;
-    if (top < 0) top = 0;
+    // The rectangle is intersected with the bitmap: its far edges come from
+    // the position as given, then the near edges are clipped to 0.
     const int64_t right = std::min<int64_t>(static_cast<int64_t>(left) + width, bitmap->Width);
     const int64_t bottom = std::min<int64_t>(static_cast<int64_t>(top) + height, bitmap->Height);
+    if (left < 0) left = 0;
+    if (top < 0) top = 0;
     if (right <= left || bottom <= top) return ST_BAD_PARAM;
     return Z_CopyBitmapRect(nullptr, bitmap, Z_BITMAPHANDLE_SIZE, left, top, static_cast<uint32_t>(right - left),
                             static_cast<uint32_t>(bottom - top));

@@ -15,14 +15,20 @@ namespace zk {
 
 // Locks global storage for the lifetime of the object (Z_LockBitmap /
 // Z_UnlockBitmap, which leave every other kind alone) and tells whether the
-// rows can be reached through Data.
+// rows can be reached through Data. The row cursor is put back at the end, so
+// a bitmap that is only read comes out of a copy exactly as it went in.
 class RowPort {
 public:
-    explicit RowPort(BitmapHandle* b) : b_(b), was_locked_(Z_LockBitmap(b)) {
+    explicit RowPort(BitmapHandle* b)
+        : b_(b), was_locked_(Z_LockBitmap(b)), cur_row_(b->CurRow), cur_offset_(b->CurRowOffset) {
         const uint32_t indirect = BF_TILED | BF_COMPRESSED | BF_SUPERCOMPRESSED;
         direct_ = (b->Flags & BF_MEMORY) && !(b->Flags & indirect) && b->Data != nullptr;
     }
-    ~RowPort() { Z_UnlockBitmap(b_, was_locked_); }
+    ~RowPort() {
+        Z_UnlockBitmap(b_, was_locked_);
+        b_->CurRow = cur_row_;
+        b_->CurRowOffset = cur_offset_;
+    }
     RowPort(const RowPort&) = delete;
     RowPort& operator=(const RowPort&) = delete;
 
@@ -32,6 +38,8 @@ public:
 private:
     BitmapHandle* b_;
     int32_t was_locked_;
+    uint32_t cur_row_;
+    size_t cur_offset_;
     bool direct_ = false;
 };
 

@@ -17,6 +17,7 @@ BitmapHandle tagged(int tag) {
     BitmapHandle b = zktest::described(4 + tag, 3, 8);
     EXPECT_EQ(Z_AllocateBitmap(&b, TYPE_CONV), ST_OK);
     if (b.Data) b.Data[0] = static_cast<uint8_t>(tag);
+    EXPECT_EQ(Z_CreateBitmapFixedPalette(&b), ST_OK);
     return b;
 }
 
@@ -32,7 +33,9 @@ std::vector<int> tags(BitmapList list) {
         BitmapHandle b;
         EXPECT_EQ(Z_GetBitmapListItem(list, i, &b, Z_BITMAPHANDLE_SIZE), ST_OK);
         out.push_back(tag_of(b));
-        if (b.Data) EXPECT_EQ(b.Data[0], tag_of(b));
+        uint8_t row[64] = {};
+        EXPECT_EQ(Z_GetBitmapRow(&b, row, 0, b.BytesPerLine), static_cast<int32_t>(b.BytesPerLine));
+        EXPECT_EQ(row[0], tag_of(b));
     }
     return out;
 }
@@ -236,7 +239,7 @@ TEST(BitmapList, MoveTakesRecordsAsTheyAre) {
             ASSERT_EQ(Z_GetBitmapListItem(moved, i, &b, Z_BITMAPHANDLE_SIZE), ST_OK);
             EXPECT_EQ(b.Data, data[i]) << "no pixel copy";
         }
-        if (c.left.empty()) EXPECT_EQ(header(list).items, nullptr);
+        if (c.left.empty()) { EXPECT_EQ(header(list).items, nullptr); }
         EXPECT_EQ(Z_DestroyBitmapList(moved), ST_OK);
         EXPECT_EQ(Z_DestroyBitmapList(list), ST_OK);
     }
@@ -311,15 +314,15 @@ TEST(BitmapList, FailureAtEveryStepLeavesTheListWhole) {
                 }
                 if (r == ST_OK) {
                     done = true;
-                    if (op == 0) EXPECT_EQ(tags(list), (std::vector<int>{0, 7, 1, 2}));
-                    if (op == 1) EXPECT_EQ(tags(out), start);
-                    if (op == 2) EXPECT_EQ(tags(out), (std::vector<int>{1, 2}));
+                    if (op == 0) { EXPECT_EQ(tags(list), (std::vector<int>{0, 7, 1, 2})); }
+                    if (op == 1) { EXPECT_EQ(tags(out), start); }
+                    if (op == 2) { EXPECT_EQ(tags(out), (std::vector<int>{1, 2})); }
                     if (op != 0) Z_FreeBitmap(&extra);
-                    if (out) EXPECT_EQ(Z_DestroyBitmapList(out), ST_OK);
+                    if (out) { EXPECT_EQ(Z_DestroyBitmapList(out), ST_OK); }
                 } else {
                     EXPECT_EQ(r, ST_NO_MEMORY) << "op " << op << " n " << n;
                     EXPECT_EQ(tags(list), start) << "op " << op << " n " << n;
-                    if (op != 3) EXPECT_EQ(out, nullptr);
+                    if (op != 3) { EXPECT_EQ(out, nullptr); }
                     Z_FreeBitmap(&extra);
                 }
                 EXPECT_EQ(Z_DestroyBitmapList(list), ST_OK);
