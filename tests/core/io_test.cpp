@@ -215,6 +215,15 @@ TEST(OsFile, BadInputTable) {
         {"get temp dir null", Z_GetTempDirectory(nullptr), ST_BAD_PARAM},
         {"start redirect null record", Z_StartRedirectToBuffer(nullptr, nullptr, 1, nullptr, 0), ST_BAD_PARAM},
         {"stop redirect null record", Z_StopRedirectToBuffer(nullptr, nullptr, nullptr), ST_BAD_PARAM},
+        {"redirected open null name", Z_RedirectedOpen(nullptr, Z_O_RDONLY, 0), -1},
+        {"redirected read bad handle", Z_RedirectedRead(-1, &byte, 1), -1},
+        {"redirected close bad handle", Z_RedirectedClose(-1), -1},
+        {"filter all null", Z_FilterIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                       nullptr, nullptr),
+         ST_OK},
+        {"get filter all null", Z_GetFilterIOData(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                                  nullptr, nullptr, nullptr),
+         ST_OK},
     };
     for (const auto& c : cases) EXPECT_EQ(c.got, c.want) << c.what;
     EXPECT_EQ(Z_OsClose(good, nullptr), 0);

@@ -255,6 +255,8 @@ TEST(Callbacks, SettersHandBackPreviousValuesAndArePerThread) {
     void* user = &ua;
     EXPECT_EQ(Z_GetStatusCallBack(&user), nullptr);
     EXPECT_EQ(user, nullptr);
+    EXPECT_EQ(Z_GetStatusCallBack(nullptr), nullptr);
+    EXPECT_EQ(Z_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr), ST_OK);
 
     COPYSTATUSCALLBACK cprev = nullptr;
     ASSERT_EQ(Z_SetCopyStatusCallBack(status_a, &ua, &cprev, nullptr), ST_OK);
