@@ -75,6 +75,22 @@ void BM_CopyBitmapData24(benchmark::State& state) {
     Z_FreeBitmap(&src);
 }
 
+// memcpy between the pixel memory of two conventional bitmaps: the ceiling
+// for the row copy, set by the kind of memory the storage maps.
+void BM_MemcpyBitmapMemory24(benchmark::State& state) {
+    BitmapHandle src = make_source(24);
+    BitmapHandle dst{};
+    Z_InitBitmap(&dst, Z_BITMAPHANDLE_SIZE, kSide, kSide, 24);
+    Z_AllocateBitmap(&dst, TYPE_CONV);
+    for (auto _ : state) {
+        std::memcpy(dst.Data, src.Data, src.Size);
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(src.Size));
+    Z_FreeBitmap(&dst);
+    Z_FreeBitmap(&src);
+}
+
 // A 1-bit rectangle from column 3: every output byte is built from two
 // shifted source bytes. Bytes and pixels per second of the result.
 void BM_CopyRect1BitOddColumn(benchmark::State& state) {
@@ -99,6 +115,7 @@ void BM_CopyRect1BitOddColumn(benchmark::State& state) {
 BENCHMARK(BM_MemcpyWarm)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_MemcpyFresh)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_CopyBitmap24)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_MemcpyBitmapMemory24)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_CopyBitmapData24)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_CopyRect1BitOddColumn)->Unit(benchmark::kMillisecond)->UseRealTime();
 
