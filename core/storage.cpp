@@ -335,18 +335,35 @@ int32_t remap_conventional(BitmapHandle& b, size_t new_size) {
     const uint32_t other = BF_GLOBAL | BF_USER_DATA | BF_TILED | BF_COMPRESSED | BF_SUPERCOMPRESSED;
     if (!(b.Flags & BF_MEMORY) || (b.Flags & other) || !b.DataHandle || !b.Data) return ST_BAD_PARAM;
     if (new_size == 0 || new_size > SIZE_MAX - kConventionalSlack) return ST_NO_MEMORY;
-    pf::Mapping m;
-    m.handle = b.DataHandle;
-    m.view = b.Data - b.DataOffset;
-    m.size = b.Size + kConventionalSlack;
-    const uint32_t old_offset = b.DataOffset;
+    pf::Mapping old;
+    old.handle = b.DataHandle;
+    old.view = b.Data - b.DataOffset;
+    old.size = b.Size + kConventionalSlack;
     const size_t keep = std::min(b.Size, new_size);
-    if (!pf::remap_anonymous(m, new_size + kConventionalSlack)) return ST_NO_MEMORY;
-    const uintptr_t base = reinterpret_cast<uintptr_t>(m.view);
+    if (new_size <= b.Size) {
+        // Shrinking keeps the view where it is.
+        const uint32_t offset = b.DataOffset;
+        if (!pf::remap_anonymous(old, new_size + kConventionalSlack)) return ST_NO_MEMORY;
+        uint8_t* view = static_cast<uint8_t*>(old.view);
+        const uint32_t aligned = static_cast<uint32_t>(((reinterpret_cast<uintptr_t>(view) + 31) & ~uintptr_t{31}) -
+                                                       reinterpret_cast<uintptr_t>(view));
+        if (aligned != offset) std::memmove(view + aligned, view + offset, keep);
+        b.DataHandle = old.handle;
+        b.DataOffset = aligned;
+        b.Data = view + aligned;
+        b.Size = new_size;
+        return ST_OK;
+    }
+    // Growing: the memory behind a shared anonymous mapping does not grow with
+    // its view, so the rows move to a new mapping of the new size.
+    pf::Mapping fresh = pf::map_anonymous(new_size + kConventionalSlack);
+    if (!fresh) return ST_NO_MEMORY;
+    uint8_t* view = static_cast<uint8_t*>(fresh.view);
+    const uintptr_t base = reinterpret_cast<uintptr_t>(view);
     const uint32_t offset = static_cast<uint32_t>(((base + 31) & ~uintptr_t{31}) - base);
-    uint8_t* view = static_cast<uint8_t*>(m.view);
-    if (offset != old_offset) std::memmove(view + offset, view + old_offset, keep);
-    b.DataHandle = m.handle;
+    std::memcpy(view + offset, b.Data, keep);
+    pf::unmap(old);
+    b.DataHandle = fresh.handle;
     b.DataOffset = offset;
     b.Data = view + offset;
     b.Size = new_size;

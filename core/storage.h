@@ -95,8 +95,9 @@ int32_t build_tiles(BitmapHandle& bitmap, const TileLayout& layout);
 
 // Conventional storage: resizes the mapping to new_size + 31 bytes keeping
 // min(old, new) bytes of pixels, re-aligns Data, and sets Size = new_size.
-// On failure (ST_NO_MEMORY) nothing changes. ST_BAD_PARAM when the bitmap's
-// storage is not conventional.
+// Growth moves the rows to a new mapping (Data changes; the bytes past the
+// old size are zero). On failure (ST_NO_MEMORY) nothing changes.
+// ST_BAD_PARAM when the bitmap's storage is not conventional.
 int32_t remap_conventional(BitmapHandle& bitmap, size_t new_size);
 
 // Global storage (BF_GLOBAL): a movable block of Size bytes, zero-filled,

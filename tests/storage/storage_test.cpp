@@ -397,6 +397,32 @@ TEST_F(Storage, ThresholdsAreCheckedInOrderAndKeptPerThread) {
     EXPECT_EQ(v[4], -100);
 }
 
+TEST_F(Storage, ConventionalRemapKeepsTheRowsBothWays) {
+    BitmapHandle b = described(100, 50, 8);
+    ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_CONV), ST_OK);
+    const std::vector<uint8_t> img = random_bytes(b.Size, 3);
+    std::memcpy(b.Data, img.data(), img.size());
+    // Grow well past a page, write the new end, shrink below the start size.
+    const size_t sizes[] = {100 * 50 * 40, 100 * 20, 100 * 50 * 3};
+    size_t kept = b.Size;
+    for (size_t size : sizes) {
+        ASSERT_EQ(zk::storage::remap_conventional(b, size), ST_OK);
+        EXPECT_EQ(b.Size, size);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(b.Data) % 32, 0u);
+        kept = std::min(kept, size);
+        EXPECT_EQ(std::memcmp(b.Data, img.data(), kept), 0) << size;
+        if (size > kept) {
+            EXPECT_EQ(b.Data[kept], 0u);
+            b.Data[size - 1] = 0x77;  // the whole new size is there
+        }
+    }
+    BitmapHandle disk = described(10, 10, 8);
+    ASSERT_EQ(Z_AllocateBitmap(&disk, TYPE_DISK), ST_OK);
+    EXPECT_EQ(zk::storage::remap_conventional(disk, 200), ST_BAD_PARAM);
+    Z_FreeBitmap(&disk);
+    Z_FreeBitmap(&b);
+}
+
 TEST(StorageMulDiv, RoundsHalvesAwayFromZero) {
     struct Case {
         int64_t a, b, c, r;
