@@ -68,7 +68,8 @@ Z_FILE Z_API buffer_open(const wchar_t*, int32_t openFlags, int32_t, void* user)
 int32_t Z_API buffer_read(Z_FILE file, void* buffer, uint32_t count, void* user) {
     Z_REDIRECTBUFFER* r = buffer_record(file, user);
     if (!r || !r->Buffer || r->Position > r->End) return -1;
-    size_t n = r->End - r->Position;
+    const size_t end = r->End < r->Size ? r->End : r->Size;
+    size_t n = r->Position < end ? end - r->Position : 0;
     if (count > kMaxTransfer) count = kMaxTransfer;
     if (n > count) n = count;
     if (n == 0) return 0;
@@ -82,7 +83,9 @@ int32_t Z_API buffer_write(Z_FILE file, const void* buffer, uint32_t count, void
     Z_REDIRECTBUFFER* r = buffer_record(file, user);
     if (!r || (r->Flags & Z_REDIRECT_INPUT)) return -1;
     if (count == 0) {
-        r->End = r->Position;
+        // Truncation at the position. The data never reaches past the buffer,
+        // so that reads and the size handed back stay inside it.
+        r->End = r->Position < r->Size ? r->Position : r->Size;
         return 0;
     }
     if (!buffer) return -1;

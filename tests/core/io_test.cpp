@@ -641,6 +641,17 @@ TEST(BufferRedirect, FixedBufferCutsWritesAtItsSize) {
     EXPECT_EQ(Z_RedirectedWrite(h, "0123456789", 10), 0);  // at the size
     EXPECT_EQ(Z_RedirectedSeek(h, 17, 0), 17);
     EXPECT_EQ(Z_RedirectedWrite(h, "0", 1), -1);  // beyond the size
+    EXPECT_EQ(Z_RedirectedWrite(h, "0", 0), 0);   // truncation stops at the buffer's end
+    EXPECT_EQ(rec->End, 16u);
+    EXPECT_EQ(Z_RedirectedSeek(h, 10, 0), 10);
+    EXPECT_EQ(Z_RedirectedWrite(h, "0", 0), 0);
+    EXPECT_EQ(rec->End, 10u);
+    char back[16];
+    EXPECT_EQ(Z_RedirectedRead(h, back, 16), 0);
+    EXPECT_EQ(Z_RedirectedSeek(h, 20, 0), 20);
+    EXPECT_EQ(Z_RedirectedRead(h, back, 16), -1);
+    EXPECT_EQ(Z_RedirectedSeek(h, 0, 0), 0);
+    EXPECT_EQ(Z_RedirectedWrite(h, "0123456789012345", 16), 16);
     EXPECT_EQ(rec->Size, 16u);
     EXPECT_EQ(rec->End, 16u);
     void* buffer = nullptr;
@@ -765,8 +776,8 @@ TEST(BufferRedirect, RandomOperationsMatchModel) {
                 const int32_t n = Z_RedirectedWrite(Z_REDIRECT_HANDLE, bytes.data(), count);
                 if (count == 0) {
                     ASSERT_EQ(n, 0);
-                    model.resize(pos);
-                    known.resize(pos);
+                    model.resize(std::min(pos, rec->Size));
+                    known.resize(model.size());
                     continue;
                 }
                 ASSERT_EQ(n, static_cast<int32_t>(count));
