@@ -10,118 +10,211 @@
 namespace zk {
 namespace {
 
-template <bool Swap>
-void convert_bgr24_to_bgr24(uint8_t* row, uint32_t width) {
-    if constexpr (Swap) {
-        for (uint32_t i = 0; i < width; ++i, row += 3) {
-            const uint8_t t = row[0];
-            row[0] = row[2];
-            row[2] = t;
+// Kernels work a block at a time: the block's source pixels are copied to a
+// local array first, so that the loop from it into the row has no aliasing
+// and the compiler can vectorise it. Blocks run forwards when the destination
+// pixel is not larger, backwards otherwise, as the general path does.
+constexpr uint32_t kBlock = 512;
+
+#if defined(__GNUC__)
+#define ZK_KERNEL __attribute__((always_inline)) inline
+#else
+#define ZK_KERNEL inline
+#endif
+
+// Byte shuffles of 16-byte vectors where the compiler offers them; the
+// scalar loops after each vector loop finish the row (and are the whole
+// kernel elsewhere).
+#if defined(__GNUC__)
+#define ZK_VECTORS 1
+typedef uint8_t V16 __attribute__((vector_size(16)));
+ZK_KERNEL V16 load16(const uint8_t* p) {
+    V16 v;
+    std::memcpy(&v, p, 16);
+    return v;
+}
+ZK_KERNEL void store16(uint8_t* p, V16 v) { std::memcpy(p, &v, 16); }
+#else
+#define ZK_VECTORS 0
+#endif
+
+template <uint32_t SrcBytes, uint32_t DstBytes, typename Body>
+ZK_KERNEL void by_blocks(uint8_t* row, uint32_t width, Body body) {
+    alignas(64) uint8_t local[kBlock * SrcBytes + 16] = {};  // slack for 16-byte loads
+    if (DstBytes > SrcBytes) {
+        for (uint32_t end = width; end > 0;) {
+            const uint32_t n = end < kBlock ? end : kBlock;
+            end -= n;
+            std::memcpy(local, row + size_t{end} * SrcBytes, size_t{n} * SrcBytes);
+            body(local, row + size_t{end} * DstBytes, n);
+        }
+    } else {
+        for (uint32_t first = 0; first < width; first += kBlock) {
+            const uint32_t n = width - first < kBlock ? width - first : kBlock;
+            std::memcpy(local, row + size_t{first} * SrcBytes, size_t{n} * SrcBytes);
+            body(local, row + size_t{first} * DstBytes, n);
         }
     }
 }
 
-// Destination larger: walk from the last pixel back.
 template <bool Swap>
-void convert_bgr24_to_bgr32(uint8_t* row, uint32_t width, uint8_t alpha) {
-    const uint8_t* s = row + 3 * size_t{width};
-    uint8_t* d = row + 4 * size_t{width};
-    for (uint32_t i = 0; i < width; ++i) {
-        s -= 3;
-        d -= 4;
-        const uint8_t c0 = s[0], c1 = s[1], c2 = s[2];
-        d[0] = Swap ? c2 : c0;
-        d[1] = c1;
-        d[2] = Swap ? c0 : c2;
-        d[3] = alpha;
+ZK_KERNEL void convert_bgr24_to_bgr24(uint8_t* row, uint32_t width) {
+    if constexpr (!Swap) return;
+    const size_t bytes = 3 * size_t{width};
+    size_t i = 0;
+#if ZK_VECTORS
+    // Five pixels per vector, in place. Each group is loaded before the
+    // previous one is stored, so no load reads a pending store; a store's byte
+    // 15 (the next pixel's first byte, unchanged) is rewritten by the next.
+    if (bytes >= 16) {
+        V16 v = load16(row);
+        for (; i + 31 <= bytes; i += 15) {
+            const V16 next = load16(row + i + 15);
+            store16(row + i, __builtin_shufflevector(v, v, 2, 1, 0, 5, 4, 3, 8, 7, 6, 11, 10, 9, 14, 13, 12, 15));
+            v = next;
+        }
+        store16(row + i, __builtin_shufflevector(v, v, 2, 1, 0, 5, 4, 3, 8, 7, 6, 11, 10, 9, 14, 13, 12, 15));
+        i += 15;
+    }
+#endif
+    for (; i < bytes; i += 3) {
+        const uint8_t t = row[i];
+        row[i] = row[i + 2];
+        row[i + 2] = t;
     }
 }
 
 template <bool Swap>
-void convert_bgr32_to_bgr24(uint8_t* row, uint32_t width) {
-    const uint8_t* s = row;
-    uint8_t* d = row;
-    for (uint32_t i = 0; i < width; ++i, s += 4, d += 3) {
-        const uint8_t c0 = s[0], c1 = s[1], c2 = s[2];
-        d[0] = Swap ? c2 : c0;
-        d[1] = c1;
-        d[2] = Swap ? c0 : c2;
+ZK_KERNEL void convert_bgr24_to_bgr32(uint8_t* row, uint32_t width, uint8_t alpha) {
+    uint32_t end = width;
+#if ZK_VECTORS
+    // Four pixels per vector from the last group back. A group's store
+    // (from byte 4i) never reaches the next group's load (up to byte 3i + 3).
+    V16 a;
+    std::memset(&a, alpha, 16);
+    for (; end >= 4; end -= 4) {
+        const size_t i = end - 4;
+        const V16 v = load16(row + 3 * i);
+        if constexpr (Swap)
+            store16(row + 4 * i, __builtin_shufflevector(v, a, 2, 1, 0, 16, 5, 4, 3, 16, 8, 7, 6, 16, 11, 10, 9, 16));
+        else
+            store16(row + 4 * i, __builtin_shufflevector(v, a, 0, 1, 2, 16, 3, 4, 5, 16, 6, 7, 8, 16, 9, 10, 11, 16));
+    }
+#endif
+    for (size_t i = end; i-- > 0;) {
+        const uint8_t c0 = row[3 * i], c1 = row[3 * i + 1], c2 = row[3 * i + 2];
+        row[4 * i] = Swap ? c2 : c0;
+        row[4 * i + 1] = c1;
+        row[4 * i + 2] = Swap ? c0 : c2;
+        row[4 * i + 3] = alpha;
+    }
+}
+
+template <bool Swap>
+ZK_KERNEL void convert_bgr32_to_bgr24(uint8_t* row, uint32_t width) {
+    size_t i = 0;
+#if ZK_VECTORS
+    // Four pixels per vector, forwards in place. The store's last four bytes
+    // land on source bytes already read and are rewritten by the next group;
+    // the last group stays inside the destination row.
+    for (; 3 * i + 16 <= 3 * size_t{width}; i += 4) {
+        const V16 v = load16(row + 4 * i);
+        if constexpr (Swap)
+            store16(row + 3 * i, __builtin_shufflevector(v, v, 2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, 3, 7, 11, 15));
+        else
+            store16(row + 3 * i, __builtin_shufflevector(v, v, 0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, 3, 7, 11, 15));
+    }
+#endif
+    for (; i < width; ++i) {
+        const uint8_t c0 = row[4 * i], c1 = row[4 * i + 1], c2 = row[4 * i + 2];
+        row[3 * i] = Swap ? c2 : c0;
+        row[3 * i + 1] = c1;
+        row[3 * i + 2] = Swap ? c0 : c2;
     }
 }
 
 // RedFirst: the source is CO_RGB.
 template <bool RedFirst>
-void convert_bgr24_to_gray8(uint8_t* row, uint32_t width) {
-    const uint8_t* s = row;
-    for (uint32_t i = 0; i < width; ++i, s += 3) {
-        const uint32_t r = RedFirst ? s[0] : s[2], b = RedFirst ? s[2] : s[0];
-        row[i] = static_cast<uint8_t>(gray8(r, s[1], b));
-    }
+ZK_KERNEL void convert_bgr24_to_gray8(uint8_t* row, uint32_t width) {
+    by_blocks<3, 1>(row, width, [](const uint8_t* s, uint8_t* d, uint32_t n) {
+        for (uint32_t i = 0; i < n; ++i) {
+            const uint16_t r = RedFirst ? s[3 * i] : s[3 * i + 2], b = RedFirst ? s[3 * i + 2] : s[3 * i];
+            d[i] = static_cast<uint8_t>((2 * r + 5 * s[3 * i + 1] + b + 4) >> 3);
+        }
+    });
 }
 
 // 5-5-5 with the channel of byte 2 in bits 10-14 unless Swap.
 template <bool Swap>
-void convert_bgr24_to_bgr555(uint8_t* row, uint32_t width) {
-    const uint8_t* s = row;
-    uint8_t* d = row;
-    for (uint32_t i = 0; i < width; ++i, s += 3, d += 2) {
-        const uint32_t c0 = s[0] >> 3, c1 = s[1] >> 3, c2 = s[2] >> 3;
-        const uint32_t w = Swap ? (c0 << 10 | c1 << 5 | c2) : (c2 << 10 | c1 << 5 | c0);
-        d[0] = static_cast<uint8_t>(w);
-        d[1] = static_cast<uint8_t>(w >> 8);
-    }
-}
-
-constexpr uint8_t widen5(uint32_t v) { return static_cast<uint8_t>(v << 3 | v >> 2); }
-
-template <bool Swap>
-void convert_bgr555_to_bgr24(uint8_t* row, uint32_t width) {
-    const uint8_t* s = row + 2 * size_t{width};
-    uint8_t* d = row + 3 * size_t{width};
-    for (uint32_t i = 0; i < width; ++i) {
-        s -= 2;
-        d -= 3;
-        const uint32_t w = s[0] | uint32_t{s[1]} << 8;
-        const uint8_t lo = widen5(w & 31), mid = widen5(w >> 5 & 31), hi = widen5(w >> 10 & 31);
-        d[0] = Swap ? hi : lo;
-        d[1] = mid;
-        d[2] = Swap ? lo : hi;
-    }
+ZK_KERNEL void convert_bgr24_to_bgr555(uint8_t* row, uint32_t width) {
+    by_blocks<3, 2>(row, width, [](const uint8_t* s, uint8_t* d, uint32_t n) {
+        for (uint32_t i = 0; i < n; ++i) {
+            const uint16_t c0 = s[3 * i] >> 3, c1 = s[3 * i + 1] >> 3, c2 = s[3 * i + 2] >> 3;
+            const uint16_t w = static_cast<uint16_t>(Swap ? (c0 << 10 | c1 << 5 | c2) : (c2 << 10 | c1 << 5 | c0));
+            d[2 * i] = static_cast<uint8_t>(w);
+            d[2 * i + 1] = static_cast<uint8_t>(w >> 8);
+        }
+    });
 }
 
 template <bool Swap>
-void convert_bgr48_to_bgr24(uint8_t* row, uint32_t width) {
-    const uint8_t* s = row;
-    uint8_t* d = row;
-    for (uint32_t i = 0; i < width; ++i, s += 6, d += 3) {
-        const uint8_t c0 = s[1], c1 = s[3], c2 = s[5];
-        d[0] = Swap ? c2 : c0;
-        d[1] = c1;
-        d[2] = Swap ? c0 : c2;
+ZK_KERNEL void convert_bgr555_to_bgr24(uint8_t* row, uint32_t width) {
+    by_blocks<2, 3>(row, width, [](const uint8_t* s, uint8_t* d, uint32_t n) {
+        for (uint32_t i = 0; i < n; ++i) {
+            const uint16_t w = static_cast<uint16_t>(s[2 * i] | s[2 * i + 1] << 8);
+            const uint16_t lo = w & 31, mid = w >> 5 & 31, hi = w >> 10 & 31;
+            const auto wlo = static_cast<uint8_t>(lo << 3 | lo >> 2), wmid = static_cast<uint8_t>(mid << 3 | mid >> 2),
+                       whi = static_cast<uint8_t>(hi << 3 | hi >> 2);
+            d[3 * i] = Swap ? whi : wlo;
+            d[3 * i + 1] = wmid;
+            d[3 * i + 2] = Swap ? wlo : whi;
+        }
+    });
+}
+
+template <bool Swap>
+ZK_KERNEL void convert_bgr48_to_bgr24(uint8_t* row, uint32_t width) {
+    size_t i = 0;
+#if ZK_VECTORS
+    if constexpr (!Swap) {
+        // In order the result is every high byte: five pixels and a byte
+        // from 32 source bytes, forwards in place.
+        for (; i + 6 <= width && 3 * i + 16 <= 3 * size_t{width}; i += 5) {
+            const V16 lo = load16(row + 6 * i), hi = load16(row + 6 * i + 16);
+            store16(row + 3 * i,
+                    __builtin_shufflevector(lo, hi, 1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31));
+        }
+    }
+#endif
+    for (; i < width; ++i) {
+        const uint8_t c0 = row[6 * i + 1], c1 = row[6 * i + 3], c2 = row[6 * i + 5];
+        row[3 * i] = Swap ? c2 : c0;
+        row[3 * i + 1] = c1;
+        row[3 * i + 2] = Swap ? c0 : c2;
     }
 }
 
 template <bool RedFirst>
-void convert_pal8_to_bgr24(uint8_t* row, uint32_t width, const RGBQUAD* colours) {
-    // Three bytes per index, laid out once, then copied per pixel backwards.
+ZK_KERNEL void convert_pal8_to_bgr24(uint8_t* row, uint32_t width, const RGBQUAD* colours) {
+    // Each index's three bytes, laid out once.
     uint8_t table[256][4];
     for (uint32_t i = 0; i < 256; ++i) {
         table[i][0] = RedFirst ? colours[i].rgbRed : colours[i].rgbBlue;
         table[i][1] = colours[i].rgbGreen;
         table[i][2] = RedFirst ? colours[i].rgbBlue : colours[i].rgbRed;
+        table[i][3] = 0;
     }
-    uint8_t* d = row + 3 * size_t{width};
-    for (uint32_t i = width; i-- > 0;) {
-        d -= 3;
-        const uint8_t* c = table[row[i]];
-        d[2] = c[2];
-        d[1] = c[1];
-        d[0] = c[0];
-    }
+    by_blocks<1, 3>(row, width, [&table](const uint8_t* s, uint8_t* d, uint32_t n) {
+        for (uint32_t i = 0; i < n; ++i) std::memcpy(d + 3 * i, table[s[i]], 3);
+    });
 }
 
 }  // namespace
 
+// Built once per instruction set where the compiler can pick at load time.
+#if defined(__GNUC__) && !defined(__clang__) && defined(__ELF__) && (defined(__x86_64__) || defined(__i386__))
+__attribute__((target_clones("avx2", "ssse3", "default")))
+#endif
 bool run_fast_path(const Plan& plan, uint8_t* row) {
     if (plan.src_alt || plan.dst_alt) return false;
     const bool swap = plan.src_rgb != plan.dst_rgb;

@@ -568,6 +568,10 @@ TEST(ConvertAltSpace, FormulasOverRandomPixels) {
 // Each fast path gives the general path's bytes on random rows of many
 // widths, in every order combination it serves.
 TEST(ConvertFastPaths, MatchTheGeneralPath) {
+    // Every width to 20, then around vector groups and the 512-pixel blocks.
+    std::vector<int> kWidths;
+    for (int w = 1; w <= 20; ++w) kWidths.push_back(w);
+    for (int w : {31, 57, 94, 131, 511, 512, 513, 1100}) kWidths.push_back(w);
     struct Pair {
         int32_t src;
         uint32_t dst;
@@ -578,7 +582,7 @@ TEST(ConvertFastPaths, MatchTheGeneralPath) {
         for (uint32_t so : {CO_RGB, CO_BGR})
             for (uint32_t dor : {CO_RGB, CO_BGR})
                 for (uint32_t flags : {0u, CVT_OPAQUE_ALPHA})
-                    for (int width = 1; width <= 130; width += (width < 20 ? 1 : 37)) {
+                    for (int width : kWidths) {
                         const int32_t sbits = p.src == 0 ? 8 : p.src;
                         const size_t size = static_cast<size_t>(Z_CalcConvertSize(width, sbits, width, p.dst));
                         Bytes row = zktest::random_bytes(size, static_cast<uint32_t>(width * 131 + p.src));
