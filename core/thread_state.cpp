@@ -20,7 +20,8 @@ ThreadState g_process_block{};
 
 // One OS thread-local key leads to each thread's block.
 pf::TlsKey g_key = 0;
-bool g_have_key = false;
+// Set once the key exists; read without the lock on every call.
+std::atomic<bool> g_have_key{false};
 pf::Lock g_key_lock;
 
 // The caller-visible thread-slot table, shared by all threads.
@@ -81,10 +82,12 @@ ThreadState* create_block() {
 }
 
 bool ensure_key() {
+    if (g_have_key.load(std::memory_order_acquire)) return true;
     std::lock_guard<pf::Lock> guard(g_key_lock);
-    if (g_have_key) return true;
-    g_have_key = pf::tls_create(&g_key, release_block);
-    return g_have_key;
+    if (g_have_key.load(std::memory_order_relaxed)) return true;
+    const bool made = pf::tls_create(&g_key, release_block);
+    g_have_key.store(made, std::memory_order_release);
+    return made;
 }
 
 }  // namespace
@@ -145,13 +148,13 @@ bool process_attach() {
 void process_detach() {
     if (g_attach_count > 0) --g_attach_count;
     std::lock_guard<pf::Lock> guard(g_key_lock);
-    if (!g_have_key) return;
+    if (!g_have_key.load()) return;
     void* mine = pf::tls_get(g_key);
     pf::tls_set(g_key, nullptr);
     release_block(mine);
     if (g_attach_count == 0) {
         pf::tls_delete(g_key);
-        g_have_key = false;
+        g_have_key.store(false);
     }
 }
 

@@ -473,6 +473,11 @@ Z_EXPORT int32_t Z_API Z_FilterIO(Z_OPENPROC* open, Z_READPROC* read, Z_WRITEPRO
 Z_EXPORT int32_t Z_API Z_GetFilterIOData(Z_OPENPROC* open, Z_READPROC* read, Z_WRITEPROC* write, Z_SEEKPROC* seek,
                                          Z_CLOSEPROC* close, void** userOpen, void** userRead, void** userWrite,
                                          void** userSeek, void** userClose);
+/* Redirects the thread's routines into a memory buffer (handle 5). A buffer
+ * that may grow or shrink is resized with Z_Realloc, so it must come from
+ * Z_Malloc (or be null); the one handed back by Z_StopRedirectToBuffer is the
+ * caller's to release with Z_Free. The end of data never passes the buffer's
+ * size. */
 Z_EXPORT int32_t Z_API Z_StartRedirectToBuffer(Z_REDIRECTBUFFER** record, Z_FILE* handle, uint32_t flags,
                                                void* buffer, size_t size);
 Z_EXPORT int32_t Z_API Z_StopRedirectToBuffer(Z_REDIRECTBUFFER* record, void** buffer, size_t* dataSize);
