@@ -1,12 +1,11 @@
 // Changing a bitmap's height in place, for every storage kind: conventional
 // mappings are re-mapped, global blocks reallocated, disk files resized and
-// tiled storage rebuilt with the tiles the new height needs. Rows below the
+// tiles added or dropped. Rows below the
 // new height are dropped; rows added at the bottom are zero.
 #include <algorithm>
 #include <cstring>
 
 #include "bitmap_handle.h"
-#include "copy_rows.h"
 #include "platform/platform.h"
 #include "storage.h"
 
@@ -16,55 +15,133 @@ namespace {
 namespace pf = zk::platform;
 namespace st = zk::storage;
 
-// Tiled storage: a new tile set for the new height with the same tile
-// geometry, the surviving rows copied over, then the old tiles released.
-// Tiles that join keep the bitmap's placement: all in memory when every tile
-// was, else on disk.
-int32_t change_tiled_height(BitmapHandle& b, int32_t height) {
-    const st::TileTable* old_table = st::tile_table(b);
-    if (!old_table) return ST_INVALID_BITMAP;
-    BitmapHandle fresh;
-    std::memcpy(&fresh, &b, sizeof fresh);
-    fresh.Flags &= ~BF_STORAGE_MASK;
-    fresh.Data = nullptr;
-    fresh.DataHandle = nullptr;
-    fresh.Height = height;
-    fresh.Size = static_cast<size_t>(b.BytesPerLine) * static_cast<uint32_t>(height);
-    fresh.CurRow = 0;
-    fresh.CurRowOffset = 0;
-    const uint32_t rpt = old_table->RowsPerTile;
-    const uint32_t count = (static_cast<uint32_t>(height) + rpt - 1) / rpt;
-    st::TileLayout layout{};
-    layout.rows_per_tile = rpt;
-    layout.mem_tiles = old_table->MemTiles >= old_table->TileCount ? count : old_table->MemTiles;
-    layout.max_mapped = old_table->MaxMapped;
-    int32_t r = st::build_tiles(fresh, layout);
-    if (r != ST_OK) return r;
+// Tiled storage keeps its tile geometry: tiles past the new last one are
+// dropped, tiles that the new height needs are added (in memory when every
+// tile was in memory, else on disk, zero-filled), and the tile that ends the
+// bitmap on both sides of the change is resized. Everything that can fail is
+// acquired before the first tile changes, so a failure leaves the pixels and
+// the tiles as they were.
+struct TileGeometry {
+    uint32_t rows_per_tile, bytes_per_line, count;
+    uint64_t height;
+    size_t bytes(uint32_t i) const {
+        const uint64_t rows = i + 1 < count ? rows_per_tile : height - uint64_t{rows_per_tile} * (count - 1);
+        return static_cast<size_t>(rows * bytes_per_line);
+    }
+};
 
-    const uint32_t keep = static_cast<uint32_t>(height < b.Height ? height : b.Height);
-    const uint32_t bpl = b.BytesPerLine;
-    uint8_t* row = static_cast<uint8_t*>(Z_Malloc(bpl ? bpl : 1));
-    if (!row) r = ST_NO_MEMORY;
-    for (uint32_t y = 0; r == ST_OK && y < keep; ++y) {
-        if (Z_GetBitmapRow(&b, row, y, bpl) != static_cast<int32_t>(bpl) ||
-            Z_PutBitmapRow(&fresh, row, y, bpl) != static_cast<int32_t>(bpl))
-            r = ST_FILE_WRITE;
+void drop_tile(st::TileEntry& e, size_t bytes) {
+    if (e.view) {
+        pf::Mapping m;
+        m.handle = e.mapping;
+        m.view = e.view;
+        m.size = bytes;
+        pf::unmap(m);
     }
-    if (r == ST_OK && keep < static_cast<uint32_t>(height)) {
-        std::memset(row, 0, bpl);
-        for (uint32_t y = keep; r == ST_OK && y < static_cast<uint32_t>(height); ++y)
-            if (Z_PutBitmapRow(&fresh, row, y, bpl) != static_cast<int32_t>(bpl)) r = ST_FILE_WRITE;
+    if (e.file != Z_INVALID_FILE) Z_OsClose(e.file, nullptr);
+    e = st::TileEntry{nullptr, nullptr, Z_INVALID_FILE, 0};
+}
+
+int32_t change_tiled_height(BitmapHandle& b, int32_t height) {
+    st::TileTable* t = st::tile_table(b);
+    if (!t || t->RowsPerTile == 0 || t->TileCount == 0) return ST_INVALID_BITMAP;
+    const uint32_t rpt = t->RowsPerTile;
+    const TileGeometry before{rpt, b.BytesPerLine, t->TileCount, static_cast<uint32_t>(b.Height)};
+    const uint32_t count = static_cast<uint32_t>((static_cast<uint64_t>(height) + rpt - 1) / rpt);
+    const TileGeometry after{rpt, b.BytesPerLine, count, static_cast<uint32_t>(height)};
+    const bool all_memory = t->MemTiles >= t->TileCount;
+    const uint32_t mapped_target = t->MappedCount;
+    const uint32_t kept = std::min(before.count, after.count);  // tiles on both sides
+    const uint32_t edge = kept - 1;                             // the one that may change size
+
+    // Room in the table first; the table may move.
+    if (after.count > before.count) {
+        auto* grown = static_cast<st::TileTable*>(Z_OsReAlloc(t, st::tile_table_bytes(after.count)));
+        if (!grown) return ST_NO_MEMORY;
+        t = grown;
+        b.Data = reinterpret_cast<uint8_t*>(t);
+        for (uint32_t i = before.count; i < after.count; ++i)
+            t->entries()[i] = st::TileEntry{nullptr, nullptr, Z_INVALID_FILE, 0};
     }
-    Z_Free(row);
-    if (r != ST_OK) {
-        st::release(fresh);
-        return r == ST_FILE_WRITE ? r : ST_NO_MEMORY;
+    st::TileEntry* e = t->entries();
+
+    // New tiles, built aside.
+    const uint32_t added = after.count - kept;
+    st::TileEntry* fresh = nullptr;
+    if (added) {
+        fresh = static_cast<st::TileEntry*>(Z_Calloc(added, sizeof(st::TileEntry)));
+        if (!fresh) return ST_NO_MEMORY;
     }
-    st::release(b);
-    b.Data = fresh.Data;
-    b.DataHandle = fresh.DataHandle;
-    b.Flags = (b.Flags & ~BF_STORAGE_MASK) | (fresh.Flags & BF_STORAGE_MASK);
-    b.Size = fresh.Size;
+    auto discard = [&](uint32_t made) {
+        for (uint32_t k = 0; k < made; ++k) drop_tile(fresh[k], after.bytes(kept + k));
+        Z_Free(fresh);
+    };
+    for (uint32_t k = 0; k < added; ++k) {
+        const size_t bytes = after.bytes(kept + k);
+        fresh[k] = st::TileEntry{nullptr, nullptr, Z_INVALID_FILE, 0};
+        if (all_memory) {
+            pf::Mapping m = pf::map_anonymous(bytes);
+            if (!m) {
+                discard(k);
+                return ST_NO_MEMORY;
+            }
+            fresh[k].mapping = m.handle;
+            fresh[k].view = static_cast<uint8_t*>(m.view);
+        } else {
+            fresh[k].file = st::create_tile_file(bytes);
+            if (fresh[k].file == Z_INVALID_FILE) {
+                discard(k);
+                return ST_TEMP_FILE;
+            }
+        }
+    }
+
+    // The edge tile: a memory tile gets a new mapping of its new size with
+    // its rows copied; a disk tile has its file cut or extended, with no view
+    // of it left mapped.
+    const size_t edge_old = before.bytes(edge), edge_new = after.bytes(edge);
+    pf::Mapping edge_map;
+    if (edge_old != edge_new) {
+        if (e[edge].file == Z_INVALID_FILE) {
+            edge_map = pf::map_anonymous(edge_new);
+            if (!edge_map) {
+                discard(added);
+                return ST_NO_MEMORY;
+            }
+            std::memcpy(edge_map.view, e[edge].view, std::min(edge_old, edge_new));
+        } else {
+            st::set_mapped_count(b, 0);
+            if (!pf::file_set_size(static_cast<pf::FileHandle>(e[edge].file), edge_new)) {
+                discard(added);
+                return ST_NO_MEMORY;
+            }
+        }
+    }
+
+    // Commit: nothing below fails.
+    st::set_mapped_count(b, 0);
+    for (uint32_t i = kept; i < before.count; ++i) drop_tile(e[i], before.bytes(i));
+    if (edge_map) {
+        drop_tile(e[edge], edge_old);
+        e[edge].mapping = edge_map.handle;
+        e[edge].view = static_cast<uint8_t*>(edge_map.view);
+    }
+    for (uint32_t k = 0; k < added; ++k) e[kept + k] = fresh[k];
+    Z_Free(fresh);
+    t->TileCount = after.count;
+    t->MemTiles = all_memory ? after.count : std::min(t->MemTiles, after.count);
+    const uint32_t disk_tiles = after.count - t->MemTiles;
+    t->MaxMapped = std::min(t->MaxMapped, disk_tiles);
+    if (disk_tiles > 0 && t->MaxMapped == 0) t->MaxMapped = 1;
+    if (after.count < before.count) {
+        if (void* smaller = Z_OsReAlloc(t, st::tile_table_bytes(after.count))) {
+            t = static_cast<st::TileTable*>(smaller);
+            b.Data = reinterpret_cast<uint8_t*>(t);
+        }
+    }
+    b.Height = height;
+    b.Size = static_cast<size_t>(b.BytesPerLine) * static_cast<uint32_t>(height);
+    st::set_mapped_count(b, mapped_target);
     return ST_OK;
 }
 

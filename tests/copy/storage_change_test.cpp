@@ -3,6 +3,7 @@
 // with the pixels intact and failures at every step leaving the bitmap whole.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -14,10 +15,8 @@ using copytest::Kind;
 using zk::platform::FaultKind;
 namespace st = zk::storage;
 
-std::vector<uint8_t> rows_of(const std::vector<uint8_t>& all, uint32_t bpl, uint32_t from, uint32_t count) {
-    return std::vector<uint8_t>(all.begin() + from * bpl, all.begin() + (from + count) * bpl);
-}
-
+// A walk through heights that cut and grow whole tiles and partial ones,
+// against a model: surviving rows keep their bytes, added rows are zero.
 TEST(ChangeHeight, KeepsSurvivingRowsInEveryKind) {
     zktest::PrivateTempDir temp;
     for (Kind kind : copytest::kAllKinds) {
@@ -25,25 +24,63 @@ TEST(ChangeHeight, KeepsSurvivingRowsInEveryKind) {
         SCOPED_TRACE(copytest::name(kind));
         BitmapHandle b = copytest::make_filled(kind, 17, 10, 8, 21);
         const uint32_t bpl = b.BytesPerLine;
-        const std::vector<uint8_t> before = copytest::pixels(b);
-        ASSERT_EQ(Z_ChangeBitmapHeight(&b, 6), ST_OK);
-        EXPECT_EQ(b.Height, 6);
-        EXPECT_EQ(b.Size, static_cast<size_t>(bpl) * 6);
-        EXPECT_EQ(b.CurRow, 0u);
-        EXPECT_EQ(copytest::pixels(b), rows_of(before, bpl, 0, 6));
-        ASSERT_EQ(Z_ChangeBitmapHeight(&b, 13), ST_OK);
-        EXPECT_EQ(b.Height, 13);
-        const std::vector<uint8_t> grown = copytest::pixels(b);
-        EXPECT_EQ(rows_of(grown, bpl, 0, 6), rows_of(before, bpl, 0, 6));
-        EXPECT_EQ(rows_of(grown, bpl, 6, 7), std::vector<uint8_t>(7 * bpl, 0)) << "added rows are empty";
-        if (kind == Kind::TiledMemory || kind == Kind::TiledDisk) {
-            const st::TileTable* t = st::tile_table(b);
-            ASSERT_NE(t, nullptr);
-            EXPECT_EQ(t->TileCount, 7u) << "two rows per tile";
+        std::vector<uint8_t> model = copytest::pixels(b);
+        for (int32_t h : {6, 5, 6, 9, 1, 12, 13, 3, 10, 10}) {
+            SCOPED_TRACE(h);
+            const bool changes = h != b.Height;
+            ASSERT_EQ(Z_ChangeBitmapHeight(&b, h), ST_OK);
+            model.resize(static_cast<size_t>(h) * bpl, 0);
+            EXPECT_EQ(b.Height, h);
+            EXPECT_EQ(b.Size, static_cast<size_t>(bpl) * h);
+            if (changes) {
+                EXPECT_EQ(b.CurRow, 0u);
+            }
+            EXPECT_EQ(copytest::pixels(b), model);
+            if (const st::TileTable* t = st::tile_table(b)) {
+                EXPECT_EQ(t->TileCount, static_cast<uint32_t>(h + 1) / 2) << "two rows per tile";
+                EXPECT_LE(t->MappedCount, t->MaxMapped);
+            }
+            // Rows written after the change land and read back.
+            auto row = zktest::random_bytes(bpl, static_cast<uint32_t>(h));
+            const int32_t was = Z_LockBitmap(&b);
+            EXPECT_EQ(Z_PutBitmapRow(&b, row.data(), static_cast<uint32_t>(h - 1), bpl), static_cast<int32_t>(bpl));
+            Z_UnlockBitmap(&b, was);
+            std::copy(row.begin(), row.end(), model.begin() + static_cast<ptrdiff_t>(h - 1) * bpl);
         }
-        ASSERT_EQ(Z_ChangeBitmapHeight(&b, 13), ST_OK);
-        EXPECT_EQ(copytest::pixels(b), grown);
+        EXPECT_EQ(copytest::pixels(b), model);
         Z_FreeBitmap(&b);
+    }
+}
+
+// A height change that fails at any allocation, mapping or file call keeps
+// the height and every row.
+TEST(ChangeHeight, FailureAtEveryStepKeepsTheRows) {
+    zktest::PrivateTempDir temp;
+    for (Kind kind : {Kind::Conventional, Kind::Global, Kind::TiledMemory, Kind::TiledDisk, Kind::Disk}) {
+        for (int32_t h : {3, 14}) {
+            for (FaultKind fault : {FaultKind::Allocation, FaultKind::Mapping, FaultKind::File}) {
+                bool done = false;
+                for (int n = 1; !done && n < 100; ++n) {
+                    BitmapHandle b = copytest::make_filled(kind, 9, 9, 8, 61);
+                    std::vector<uint8_t> want = copytest::pixels(b);
+                    int32_t r;
+                    {
+                        zktest::FaultScope scope(fault, n);
+                        r = Z_ChangeBitmapHeight(&b, h);
+                    }
+                    SCOPED_TRACE(testing::Message() << copytest::name(kind) << " h " << h << " n " << n);
+                    if (r == ST_OK) {
+                        done = true;
+                        want.resize(static_cast<size_t>(h) * b.BytesPerLine, 0);
+                    } else {
+                        EXPECT_EQ(b.Height, 9);
+                    }
+                    EXPECT_EQ(copytest::pixels(b), want);
+                    Z_FreeBitmap(&b);
+                }
+                EXPECT_TRUE(done);
+            }
+        }
     }
 }
 
