@@ -22,10 +22,10 @@ constexpr uint32_t kBlock = 512;
 #define ZK_KERNEL inline
 #endif
 
-// Byte shuffles of 16-byte vectors where the compiler offers them; the
-// scalar loops after each vector loop finish the row (and are the whole
-// kernel elsewhere).
-#if defined(__GNUC__)
+// Byte shuffles of 16-byte vectors where the compiler offers them and the
+// target has vector registers in its baseline; the scalar loops after each
+// vector loop finish the row (and are the whole kernel elsewhere).
+#if defined(__GNUC__) && (defined(__SSE2__) || defined(__ARM_NEON))
 #define ZK_VECTORS 1
 typedef uint8_t V16 __attribute__((vector_size(16)));
 ZK_KERNEL V16 load16(const uint8_t* p) {
