@@ -154,31 +154,6 @@ int32_t change_global_height(BitmapHandle& b, size_t new_size) {
     return ST_OK;
 }
 
-// Conventional storage growing: a new mapping of the new size (the slack
-// for 32-byte alignment included), the rows copied, the old one unmapped.
-// Resizing a shared anonymous mapping in place does not extend the memory
-// behind it, so growth never goes through a remap.
-int32_t grow_conventional(BitmapHandle& b, size_t new_size) {
-    constexpr size_t slack = 31;
-    if (new_size > SIZE_MAX - slack) return ST_NO_MEMORY;
-    pf::Mapping fresh = pf::map_anonymous(new_size + slack);
-    if (!fresh) return ST_NO_MEMORY;
-    auto* view = static_cast<uint8_t*>(fresh.view);
-    const uintptr_t base = reinterpret_cast<uintptr_t>(view);
-    const uint32_t offset = static_cast<uint32_t>(((base + 31) & ~uintptr_t{31}) - base);
-    std::memcpy(view + offset, b.Data, b.Size);
-    pf::Mapping old;
-    old.handle = b.DataHandle;
-    old.view = b.Data - b.DataOffset;
-    old.size = b.Size + slack;
-    pf::unmap(old);
-    b.DataHandle = fresh.handle;
-    b.DataOffset = offset;
-    b.Data = view + offset;
-    b.Size = new_size;
-    return ST_OK;
-}
-
 // Disk storage: the file is cut to the rows that survive, then extended with
 // zeros to the new size and the one byte past the pixels it has from its
 // allocation. Once a shrinking cut is made the change stands; the trailing
@@ -214,8 +189,7 @@ extern "C" int32_t Z_API Z_ChangeBitmapHeight(BitmapHandle* bitmap, int32_t heig
     } else if (bitmap->Flags & BF_GLOBAL) {
         r = zk::change_global_height(*bitmap, new_size);
     } else if (bitmap->Flags & BF_MEMORY) {
-        r = new_size > bitmap->Size ? zk::grow_conventional(*bitmap, new_size)
-                                    : zk::storage::remap_conventional(*bitmap, new_size);
+        r = zk::storage::remap_conventional(*bitmap, new_size);
         if (r == ST_BAD_PARAM) r = ST_NO_MEMORY;
     } else if (bitmap->Flags & BF_DISK) {
         r = zk::change_disk_height(*bitmap, new_size);
