@@ -295,8 +295,8 @@ TEST(BitmapList, RandomEditsMatchAModel) {
 // it succeeds; the source list stays as it was and nothing leaks.
 TEST(BitmapList, FailureAtEveryStepLeavesTheListWhole) {
     const std::vector<int> start = {0, 1, 2};
-    for (FaultKind kind : {FaultKind::Allocation, FaultKind::Mapping}) {
-        for (int op = 0; op < 4; ++op) {
+    for (FaultKind kind : {FaultKind::Allocation, FaultKind::Mapping, FaultKind::File}) {
+        for (int op = 0; op < 5; ++op) {
             bool done = false;
             for (int n = 1; !done && n < 200; ++n) {
                 BitmapList list = make_list(start);
@@ -309,7 +309,8 @@ TEST(BitmapList, FailureAtEveryStepLeavesTheListWhole) {
                         case 0: r = Z_InsertBitmapListItem(list, 1, &extra); break;
                         case 1: r = Z_CopyBitmapListItems(&out, list, 0, 3); break;
                         case 2: r = Z_MoveBitmapListItems(&out, list, 1, 2); break;
-                        default: r = Z_CreateBitmapList(&out); break;
+                        case 3: r = Z_CreateBitmapList(&out); break;
+                        default: r = Z_DeleteBitmapListItems(list, 1, 1); break;  // a failed shrink is no failure
                     }
                 }
                 if (r == ST_OK) {
@@ -317,12 +318,13 @@ TEST(BitmapList, FailureAtEveryStepLeavesTheListWhole) {
                     if (op == 0) { EXPECT_EQ(tags(list), (std::vector<int>{0, 7, 1, 2})); }
                     if (op == 1) { EXPECT_EQ(tags(out), start); }
                     if (op == 2) { EXPECT_EQ(tags(out), (std::vector<int>{1, 2})); }
+                    if (op == 4) { EXPECT_EQ(tags(list), (std::vector<int>{0, 2})); }
                     if (op != 0) Z_FreeBitmap(&extra);
                     if (out) { EXPECT_EQ(Z_DestroyBitmapList(out), ST_OK); }
                 } else {
                     EXPECT_EQ(r, ST_NO_MEMORY) << "op " << op << " n " << n;
                     EXPECT_EQ(tags(list), start) << "op " << op << " n " << n;
-                    if (op != 3) { EXPECT_EQ(out, nullptr); }
+                    if (op != 3 && op != 4) { EXPECT_EQ(out, nullptr); }
                     Z_FreeBitmap(&extra);
                 }
                 EXPECT_EQ(Z_DestroyBitmapList(list), ST_OK);
