@@ -2,6 +2,7 @@
 // buffer redirection.
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <random>
 #include <string>
 #include <thread>
@@ -335,6 +336,21 @@ TEST(TempDirectory, IsPerThread) {
     wchar_t mine[Z_MAX_PATH];
     ASSERT_EQ(Z_GetTempDirectory(mine), ST_OK);
     EXPECT_EQ(zk::platform::to_utf8(mine), dir.path());
+}
+
+TEST(TempName, NameThatWouldNotFitIsRefusedAndRemoved) {
+    zktest::PrivateTempDir dir;
+    // A real directory whose path leaves no room for a name within Z_MAX_PATH.
+    std::string deep = dir.path();
+    while (deep.size() < 250) {
+        deep += std::string(std::min<size_t>(40, 253 - deep.size()), 'd') + "/";
+        ASSERT_TRUE(std::filesystem::create_directory(deep));
+    }
+    ASSERT_LE(deep.size(), 259u);
+    ASSERT_EQ(Z_SetTempDirectory(wide(deep).c_str()), ST_OK);
+    wchar_t name[Z_MAX_PATH];
+    EXPECT_EQ(Z_OsGetTempName(name), ST_TEMP_FILE);
+    EXPECT_TRUE(std::filesystem::is_empty(deep));
 }
 
 TEST(TempName, MissingDirectoryGivesTempFileStatus) {
