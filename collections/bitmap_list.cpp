@@ -44,7 +44,7 @@ private:
 
 // Room for `count` records, or false when the byte count does not fit.
 bool array_bytes(uint32_t count, size_t* bytes) {
-    if (count > SIZE_MAX / kRecord) return false;
+    if (static_cast<uint64_t>(count) * kRecord > SIZE_MAX) return false;
     *bytes = static_cast<size_t>(count) * kRecord;
     return true;
 }
