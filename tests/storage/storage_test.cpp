@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <thread>
 
 #include "kinds.h"
 #include "overlays.h"
@@ -395,6 +396,11 @@ TEST_F(Storage, ThresholdsAreCheckedInOrderAndKeptPerThread) {
     EXPECT_EQ(v[1], -100);
     EXPECT_EQ(v[2], 0x10000);
     EXPECT_EQ(v[4], -100);
+    // Another thread has its own, initial values.
+    int32_t other[5] = {};
+    std::thread([&] { Z_GetMemoryThresholds(&other[0], &other[1], &other[2], &other[3], &other[4]); }).join();
+    const int32_t initial[5] = {0, 0x7FFFFFFF, 0, -100, 1};
+    for (int k = 0; k < 5; ++k) EXPECT_EQ(other[k], initial[k]) << k;
 }
 
 TEST_F(Storage, ConventionalRemapKeepsTheRowsBothWays) {
