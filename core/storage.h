@@ -66,9 +66,10 @@ bool map_tile(BitmapHandle& bitmap, uint32_t index);
 // Removes the oldest tile from the mapped list and unmaps its view.
 void unmap_oldest(BitmapHandle& bitmap);
 
-// Unmaps oldest first down to `target`, or maps unmapped disk tiles from
-// MemTiles onward up to `target` (never above MaxMapped or the disk tiles
-// there are). Returns the MappedCount reached.
+// Unmaps oldest first down to `target`, or walks the tiles from MemTiles
+// onward mapping unmapped disk tiles up to `target` (never above MaxMapped or
+// the disk tiles there are); memory tiles met right after the memory tiles
+// are counted into MemTiles. Returns the MappedCount reached.
 uint32_t set_mapped_count(BitmapHandle& bitmap, uint32_t target);
 
 // A delete-on-close temporary file of `bytes` bytes in the thread's

@@ -194,7 +194,12 @@ uint32_t set_mapped_count(BitmapHandle& b, uint32_t target) {
     target = std::min(target, t->MaxMapped);
     for (uint32_t i = t->MemTiles; i < t->TileCount && t->MappedCount < target; ++i) {
         const TileEntry& e = t->entries()[i];
-        if (e.file != Z_INVALID_FILE && !e.view) map_tile(b, i);
+        if (e.file == Z_INVALID_FILE) {
+            // A memory tile right after the memory tiles joins their count.
+            if (i == t->MemTiles) ++t->MemTiles;
+        } else if (!e.view) {
+            map_tile(b, i);
+        }
     }
     return t->MappedCount;
 }
