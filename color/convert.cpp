@@ -490,14 +490,16 @@ void bgr_to_alt(uint8_t* p) {
     p[2] = static_cast<uint8_t>((1067 * x + 2841 * y + 4284 * z + 4095) >> 13);
 }
 
-void IndexMemo::clear() { std::memset(key, 0, sizeof key); }
+void IndexMemo::prepare(const RGBQUAD* palette, uint32_t count) {
+    std::memset(key, 0, sizeof key);
+    search.prepare(palette, count);
+}
 
 uint8_t IndexMemo::find(const Plan& plan, uint32_t r, uint32_t g, uint32_t b) {
     const uint32_t colour = r << 16 | g << 8 | b;
     const uint32_t slot = (colour ^ colour >> 12 ^ colour >> 20) & (kSlots - 1);
     if (key[slot] == (colour | 0x1000000u)) return index[slot];
-    const auto i =
-        static_cast<uint8_t>(find_palette_index(plan.dst_palette, plan.dst_count, r, g, b) & (plan.dst_count - 1));
+    const auto i = static_cast<uint8_t>(search.find(r, g, b) & (plan.dst_count - 1));
     key[slot] = colour | 0x1000000u;
     index[slot] = i;
     return i;
@@ -511,7 +513,7 @@ int32_t convert_buffer(const ConvertRequest& request, ConvertPaths paths) {
     if (paths == ConvertPaths::WithFastPaths && run_fast_path(plan, request.buffer)) return ST_OK;
     IndexMemo memo;
     if (palettized(plan.dst_depth) && !plan.use_map) {
-        memo.clear();
+        memo.prepare(plan.dst_palette, plan.dst_count);
         plan.memo = &memo;
     }
     run_general(plan, request.buffer);

@@ -12,6 +12,7 @@
 
 #include <cstdint>
 
+#include "color/palette.h"
 #include "zkernel.h"
 
 namespace zk {
@@ -82,9 +83,10 @@ struct Plan {
 // Per exact colour, the index Z_FindPaletteIndex gave it.
 struct IndexMemo {
     static constexpr uint32_t kSlots = 4096;
+    PaletteSearch search;
     uint32_t key[kSlots];  // colour | 0x1000000 once filled
     uint8_t index[kSlots];
-    void clear();
+    void prepare(const RGBQUAD* palette, uint32_t count);
     uint8_t find(const Plan& plan, uint32_t r, uint32_t g, uint32_t b);
 };
 

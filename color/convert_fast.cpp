@@ -205,17 +205,16 @@ ZK_KERNEL void convert_pal8_to_bgr24(uint8_t* row, uint32_t width, const RGBQUAD
         table[i][3] = 0;
     }
     by_blocks<1, 3>(row, width, [&table](const uint8_t* s, uint8_t* d, uint32_t n) {
-        for (uint32_t i = 0; i < n; ++i) std::memcpy(d + 3 * i, table[s[i]], 3);
+        // Four bytes per pixel; the fourth is the next pixel's first byte and
+        // is rewritten by it. The block's last pixel writes only its three.
+        for (uint32_t i = 0; i + 1 < n; ++i) std::memcpy(d + 3 * i, table[s[i]], 4);
+        std::memcpy(d + 3 * (n - 1), table[s[n - 1]], 3);
     });
 }
 
 }  // namespace
 
-// Built once per instruction set where the compiler can pick at load time.
-#if defined(__GNUC__) && !defined(__clang__) && defined(__ELF__) && (defined(__x86_64__) || defined(__i386__))
-__attribute__((target_clones("avx2", "ssse3", "default")))
-#endif
-bool run_fast_path(const Plan& plan, uint8_t* row) {
+ZK_TARGET_CLONES bool run_fast_path(const Plan& plan, uint8_t* row) {
     if (plan.src_alt || plan.dst_alt) return false;
     const bool swap = plan.src_rgb != plan.dst_rgb;
     const uint32_t w = plan.width;

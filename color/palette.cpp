@@ -62,6 +62,64 @@ uint32_t find_palette_index(const RGBQUAD* entries, uint32_t count, uint32_t red
     return best;
 }
 
+namespace {
+
+// The distance part of PaletteSearch::find, for 1..256 prepared entries.
+ZK_TARGET_CLONES uint32_t nearest_by_distance(const PaletteSearch::Channels& c, uint32_t count, uint32_t red,
+                                              uint32_t green, uint32_t blue) {
+    const auto R = static_cast<int32_t>(red), G = static_cast<int32_t>(green), B = static_cast<int32_t>(blue);
+    alignas(32) int32_t d[256];
+    int32_t best = INT32_MAX;
+    for (uint32_t i = 0; i < count; ++i) {
+        d[i] = (c.g[i] - G) * (c.g[i] - G) + (c.r[i] - R) * (c.r[i] - R) + (c.b[i] - B) * (c.b[i] - B);
+        best = std::min(best, d[i]);
+    }
+    uint32_t first = 0;
+    for (uint32_t i = 0; i < count; ++i)
+        if (d[i] == best) {
+            first = i;
+            break;
+        }
+    if (best == 0) return first;
+    const uint32_t target_class = channel_class(red, green, blue);
+    for (uint32_t i = count; i-- > first + 1;)
+        if (d[i] == best && c.cls[i] == target_class) return i;
+    return first;
+}
+
+}  // namespace
+
+void PaletteSearch::prepare(const RGBQUAD* entries, uint32_t count) {
+    entries_ = entries;
+    count_ = std::min(count, 256u);
+    for (uint32_t i = 0; i < count_; ++i) {
+        c_.r[i] = entries[i].rgbRed;
+        c_.g[i] = entries[i].rgbGreen;
+        c_.b[i] = entries[i].rgbBlue;
+        c_.cls[i] = static_cast<uint8_t>(channel_class(entries[i].rgbRed, entries[i].rgbGreen, entries[i].rgbBlue));
+    }
+}
+
+// The scan keeps the first entry at the smallest distance D and moves to a
+// later entry at D only when its channel-order class is the target's; it
+// stops at the first exact match. So: D = 0 gives the first exact entry;
+// otherwise the last entry at D with the target's class, or else the first
+// entry at D. The probes for white and black come first, as in the scan.
+uint32_t PaletteSearch::find(uint32_t red, uint32_t green, uint32_t blue) const {
+    if (!entries_ || count_ == 0 || (red | green | blue) > 255)
+        return find_palette_index(entries_, count_, red, green, blue);
+    if (red != 0 || green != 0 || blue != 0) {
+        if ((red & green & blue) == 255) {
+            if (is_white(entries_[count_ - 1])) return count_ - 1;
+            if (is_white(entries_[0])) return 0;
+        }
+    } else {
+        if (is_black(entries_[0])) return 0;
+        if (is_black(entries_[count_ - 1])) return count_ - 1;
+    }
+    return nearest_by_distance(c_, count_, red, green, blue);
+}
+
 }  // namespace zk
 
 using zk::kStructSize;

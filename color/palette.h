@@ -8,6 +8,15 @@
 
 #include "zkernel.h"
 
+// Hot loops built once per instruction set where the toolchain can choose
+// the best one when the library is loaded. Only on functions whose callers
+// are in the same file (the clones are local to it).
+#if defined(__GNUC__) && !defined(__clang__) && defined(__ELF__) && (defined(__x86_64__) || defined(__i386__))
+#define ZK_TARGET_CLONES __attribute__((target_clones("avx2", "ssse3", "default")))
+#else
+#define ZK_TARGET_CLONES
+#endif
+
 namespace zk {
 
 // Gray level of a colour, used wherever a colour is reduced to gray.
@@ -20,6 +29,27 @@ const RGBQUAD* fixed_palette(int32_t bits);
 // Nearest entry by the library's own metric (white/black probes, squared
 // distance, channel-order class breaking ties). 0xFFFFFFFF for count 0.
 uint32_t find_palette_index(const RGBQUAD* entries, uint32_t count, uint32_t red, uint32_t green, uint32_t blue);
+
+// A palette of at most 256 entries prepared for many searches of 8-bit
+// colours: the same index as find_palette_index, with the distances to all
+// entries computed in one pass the compiler can vectorise.
+class PaletteSearch {
+public:
+    void prepare(const RGBQUAD* entries, uint32_t count);
+    uint32_t find(uint32_t red, uint32_t green, uint32_t blue) const;
+
+    struct Channels {
+        alignas(32) int32_t r[256];
+        alignas(32) int32_t g[256];
+        alignas(32) int32_t b[256];
+        uint8_t cls[256];
+    };
+
+private:
+    const RGBQUAD* entries_ = nullptr;
+    uint32_t count_ = 0;
+    Channels c_;
+};
 
 // A new Z_OsAlloc block holding `count` entries copied from `source`; null
 // for count 0 or when the block cannot be made.

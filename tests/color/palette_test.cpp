@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <random>
 #include <vector>
 
+#include "color/palette.h"
 #include "test_support.h"
 #include "zkernel.h"
 
@@ -282,6 +284,38 @@ TEST(FindPaletteIndex, NearestOnAGrid) {
                 };
                 for (int k = 0; k < 256; ++k) ASSERT_LE(dist(p[i]), dist(p[k])) << r << " " << g << " " << b;
             }
+}
+
+// The prepared search answers as the scan does, on palettes full of ties
+// (fixed tables, duplicated and gray entries) over a grid of colours.
+TEST(FindPaletteIndex, PreparedSearchEqualsTheScan) {
+    std::vector<std::vector<RGBQUAD>> palettes;
+    for (int bits = 1; bits <= 8; ++bits) {
+        const RGBQUAD* t = Z_IntGetFixedPalette(bits);
+        palettes.emplace_back(t, t + (1 << bits));
+    }
+    std::mt19937 rng(3);
+    for (uint32_t n : {1u, 2u, 7u, 64u, 256u}) {
+        std::vector<RGBQUAD> p(n);
+        for (auto& e : p) e = rgb(rng() % 4 * 85, rng() % 4 * 85, rng() % 4 * 85);  // many duplicates
+        palettes.push_back(p);
+        p.front() = rgb(255, 255, 255);
+        p.back() = rgb(0, 0, 0);
+        palettes.push_back(p);
+    }
+    for (const auto& p : palettes) {
+        zk::PaletteSearch search;
+        search.prepare(p.data(), static_cast<uint32_t>(p.size()));
+        const auto n = static_cast<uint32_t>(p.size());
+        for (int r = 0; r < 256; r += 17)
+            for (int g = 0; g < 256; g += 15)
+                for (int b = 0; b < 256; b += 51)
+                    ASSERT_EQ(search.find(r, g, b), Z_FindPaletteIndex(p.data(), n, r, g, b))
+                        << n << ": " << r << " " << g << " " << b;
+        for (uint32_t v : {0u, 42u, 85u, 128u, 170u, 255u})
+            ASSERT_EQ(search.find(v, v, v), Z_FindPaletteIndex(p.data(), n, v, v, v)) << n << " gray " << v;
+        ASSERT_EQ(search.find(300, 2, 2), Z_FindPaletteIndex(p.data(), n, 300, 2, 2));
+    }
 }
 
 TEST(BitmapPalette, EntriesAndColours) {
