@@ -66,14 +66,25 @@ ZK_KERNEL void convert_bgr24_to_bgr24(uint8_t* row, uint32_t width) {
     // Five pixels per vector, in place. Each group is loaded before the
     // previous one is stored, so no load reads a pending store; a store's byte
     // 15 (the next pixel's first byte, unchanged) is rewritten by the next.
+    const auto swap5 = [](V16 v) {
+        return __builtin_shufflevector(v, v, 2, 1, 0, 5, 4, 3, 8, 7, 6, 11, 10, 9, 14, 13, 12, 15);
+    };
     if (bytes >= 16) {
         V16 v = load16(row);
+        // Eight groups per round: all loads first, then the stores.
+        for (; i + 136 <= bytes; i += 120) {
+            V16 g[9];
+            g[0] = v;
+            for (int k = 1; k < 9; ++k) g[k] = load16(row + i + 15 * k);
+            for (int k = 0; k < 8; ++k) store16(row + i + 15 * k, swap5(g[k]));
+            v = g[8];
+        }
         for (; i + 31 <= bytes; i += 15) {
             const V16 next = load16(row + i + 15);
-            store16(row + i, __builtin_shufflevector(v, v, 2, 1, 0, 5, 4, 3, 8, 7, 6, 11, 10, 9, 14, 13, 12, 15));
+            store16(row + i, swap5(v));
             v = next;
         }
-        store16(row + i, __builtin_shufflevector(v, v, 2, 1, 0, 5, 4, 3, 8, 7, 6, 11, 10, 9, 14, 13, 12, 15));
+        store16(row + i, swap5(v));
         i += 15;
     }
 #endif
@@ -92,13 +103,21 @@ ZK_KERNEL void convert_bgr24_to_bgr32(uint8_t* row, uint32_t width, uint8_t alph
     // (from byte 4i) never reaches the next group's load (up to byte 3i + 3).
     V16 a;
     std::memset(&a, alpha, 16);
+    const auto widen4 = [&a](V16 v) {
+        if constexpr (Swap)
+            return __builtin_shufflevector(v, a, 2, 1, 0, 16, 5, 4, 3, 16, 8, 7, 6, 16, 11, 10, 9, 16);
+        else
+            return __builtin_shufflevector(v, a, 0, 1, 2, 16, 3, 4, 5, 16, 6, 7, 8, 16, 9, 10, 11, 16);
+    };
+    // Eight groups per round, loads before stores.
+    for (; end >= 32; end -= 32) {
+        V16 g[8];
+        for (int k = 0; k < 8; ++k) g[k] = load16(row + 3 * (end - 4 * (k + 1)));
+        for (int k = 0; k < 8; ++k) store16(row + 4 * (end - 4 * (k + 1)), widen4(g[k]));
+    }
     for (; end >= 4; end -= 4) {
         const size_t i = end - 4;
-        const V16 v = load16(row + 3 * i);
-        if constexpr (Swap)
-            store16(row + 4 * i, __builtin_shufflevector(v, a, 2, 1, 0, 16, 5, 4, 3, 16, 8, 7, 6, 16, 11, 10, 9, 16));
-        else
-            store16(row + 4 * i, __builtin_shufflevector(v, a, 0, 1, 2, 16, 3, 4, 5, 16, 6, 7, 8, 16, 9, 10, 11, 16));
+        store16(row + 4 * i, widen4(load16(row + 3 * i)));
     }
 #endif
     for (size_t i = end; i-- > 0;) {
@@ -117,13 +136,19 @@ ZK_KERNEL void convert_bgr32_to_bgr24(uint8_t* row, uint32_t width) {
     // Four pixels per vector, forwards in place. The store's last four bytes
     // land on source bytes already read and are rewritten by the next group;
     // the last group stays inside the destination row.
-    for (; 3 * i + 16 <= 3 * size_t{width}; i += 4) {
-        const V16 v = load16(row + 4 * i);
+    const auto narrow4 = [](V16 v) {
         if constexpr (Swap)
-            store16(row + 3 * i, __builtin_shufflevector(v, v, 2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, 3, 7, 11, 15));
+            return __builtin_shufflevector(v, v, 2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, 3, 7, 11, 15);
         else
-            store16(row + 3 * i, __builtin_shufflevector(v, v, 0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, 3, 7, 11, 15));
+            return __builtin_shufflevector(v, v, 0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, 3, 7, 11, 15);
+    };
+    // Eight groups per round, loads before stores.
+    for (; 3 * (i + 28) + 16 <= 3 * size_t{width}; i += 32) {
+        V16 g[8];
+        for (int k = 0; k < 8; ++k) g[k] = load16(row + 4 * (i + 4 * k));
+        for (int k = 0; k < 8; ++k) store16(row + 3 * (i + 4 * k), narrow4(g[k]));
     }
+    for (; 3 * i + 16 <= 3 * size_t{width}; i += 4) store16(row + 3 * i, narrow4(load16(row + 4 * i)));
 #endif
     for (; i < width; ++i) {
         const uint8_t c0 = row[4 * i], c1 = row[4 * i + 1], c2 = row[4 * i + 2];
@@ -179,11 +204,20 @@ ZK_KERNEL void convert_bgr48_to_bgr24(uint8_t* row, uint32_t width) {
     if constexpr (!Swap) {
         // In order the result is every high byte: five pixels and a byte
         // from 32 source bytes, forwards in place.
-        for (; i + 6 <= width && 3 * i + 16 <= 3 * size_t{width}; i += 5) {
-            const V16 lo = load16(row + 6 * i), hi = load16(row + 6 * i + 16);
-            store16(row + 3 * i,
-                    __builtin_shufflevector(lo, hi, 1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31));
+        const auto high_bytes = [](V16 lo, V16 hi) {
+            return __builtin_shufflevector(lo, hi, 1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31);
+        };
+        // Four groups per round, loads before stores.
+        for (; i + 21 <= width; i += 20) {
+            V16 g[8];
+            for (int k = 0; k < 4; ++k) {
+                g[2 * k] = load16(row + 6 * (i + 5 * k));
+                g[2 * k + 1] = load16(row + 6 * (i + 5 * k) + 16);
+            }
+            for (int k = 0; k < 4; ++k) store16(row + 3 * (i + 5 * k), high_bytes(g[2 * k], g[2 * k + 1]));
         }
+        for (; i + 6 <= width && 3 * i + 16 <= 3 * size_t{width}; i += 5)
+            store16(row + 3 * i, high_bytes(load16(row + 6 * i), load16(row + 6 * i + 16)));
     }
 #endif
     for (; i < width; ++i) {
