@@ -4,6 +4,7 @@
 // `Swap` means that source and destination disagree on whether red comes
 // first, so bytes 0 and 2 change places.
 #include <cstring>
+#include <utility>
 
 #include "color/convert.h"
 
@@ -23,9 +24,10 @@ constexpr uint32_t kBlock = 512;
 #endif
 
 // Byte shuffles of 16-byte vectors where the compiler offers them and the
-// target has vector registers in its baseline; the scalar loops after each
+// target has vector registers in its baseline (16-bit lanes are stored as
+// little-endian samples); the scalar loops after each
 // vector loop finish the row (and are the whole kernel elsewhere).
-#if defined(__GNUC__) && (defined(__SSE2__) || defined(__ARM_NEON))
+#if defined(__GNUC__) && (defined(__SSE2__) || defined(__ARM_NEON)) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
 #define ZK_VECTORS 1
 typedef uint8_t V16 __attribute__((vector_size(16)));
 ZK_KERNEL V16 load16(const uint8_t* p) {
@@ -34,6 +36,42 @@ ZK_KERNEL V16 load16(const uint8_t* p) {
     return v;
 }
 ZK_KERNEL void store16(uint8_t* p, V16 v) { std::memcpy(p, &v, 16); }
+typedef uint16_t W16 __attribute__((vector_size(32)));  // sixteen 16-bit lanes
+
+// Channel C of sixteen 3-byte pixels held in a, b, c (48 bytes).
+template <int C, size_t... J>
+ZK_KERNEL V16 channel_of(V16 a, V16 b, V16 c, std::index_sequence<J...>) {
+    constexpr auto in_ab = [](size_t j) { return 3 * j + C < 32 ? static_cast<int>(3 * j + C) : 0; };
+    constexpr auto pick = [](size_t j) {
+        return 3 * j + C < 32 ? static_cast<int>(j) : static_cast<int>(16 + 3 * j + C - 32);
+    };
+    const V16 ab = __builtin_shufflevector(a, b, in_ab(J)...);
+    return __builtin_shufflevector(ab, c, pick(J)...);
+}
+template <int C>
+ZK_KERNEL V16 channel_of(V16 a, V16 b, V16 c) {
+    return channel_of<C>(a, b, c, std::make_index_sequence<16>());
+}
+
+// Bytes K*16 .. K*16+15 of sixteen 3-byte pixels whose channels are x, y, z.
+template <int K, size_t... J>
+ZK_KERNEL V16 interleave_part(V16 x, V16 y, V16 z, std::index_sequence<J...>) {
+    // Output byte p = 16K + j is channel p % 3 of pixel p / 3.
+    constexpr auto in_xy = [](size_t j) {
+        const size_t p = 16 * K + j;
+        return p % 3 == 0 ? static_cast<int>(p / 3) : p % 3 == 1 ? static_cast<int>(16 + p / 3) : 0;
+    };
+    constexpr auto pick = [](size_t j) {
+        const size_t p = 16 * K + j;
+        return p % 3 == 2 ? static_cast<int>(16 + p / 3) : static_cast<int>(j);
+    };
+    const V16 xy = __builtin_shufflevector(x, y, in_xy(J)...);
+    return __builtin_shufflevector(xy, z, pick(J)...);
+}
+template <int K>
+ZK_KERNEL V16 interleave_part(V16 x, V16 y, V16 z) {
+    return interleave_part<K>(x, y, z, std::make_index_sequence<16>());
+}
 #else
 #define ZK_VECTORS 0
 #endif
@@ -161,40 +199,84 @@ ZK_KERNEL void convert_bgr32_to_bgr24(uint8_t* row, uint32_t width) {
 // RedFirst: the source is CO_RGB.
 template <bool RedFirst>
 ZK_KERNEL void convert_bgr24_to_gray8(uint8_t* row, uint32_t width) {
-    by_blocks<3, 1>(row, width, [](const uint8_t* s, uint8_t* d, uint32_t n) {
-        for (uint32_t i = 0; i < n; ++i) {
-            const uint16_t r = RedFirst ? s[3 * i] : s[3 * i + 2], b = RedFirst ? s[3 * i + 2] : s[3 * i];
-            d[i] = static_cast<uint8_t>((2 * r + 5 * s[3 * i + 1] + b + 4) >> 3);
-        }
-    });
+    size_t i = 0;
+#if ZK_VECTORS
+    // Sixteen pixels per group, forwards in place: a group's 16-byte store
+    // ends before the next group's first byte.
+    for (; i + 16 <= width; i += 16) {
+        const uint8_t* p = row + 3 * i;
+        const V16 a = load16(p), b = load16(p + 16), c = load16(p + 32);
+        const W16 c0 = __builtin_convertvector(channel_of<0>(a, b, c), W16);
+        const W16 c1 = __builtin_convertvector(channel_of<1>(a, b, c), W16);
+        const W16 c2 = __builtin_convertvector(channel_of<2>(a, b, c), W16);
+        const W16 r = RedFirst ? c0 : c2, bl = RedFirst ? c2 : c0;
+        const W16 g = (2 * r + 5 * c1 + bl + 4) >> 3;
+        store16(row + i, __builtin_convertvector(g, V16));
+    }
+#endif
+    for (; i < width; ++i) {
+        const uint8_t* q = row + 3 * i;
+        const uint32_t r = RedFirst ? q[0] : q[2], b = RedFirst ? q[2] : q[0];
+        row[i] = static_cast<uint8_t>(gray8(r, q[1], b));
+    }
 }
 
 // 5-5-5 with the channel of byte 2 in bits 10-14 unless Swap.
 template <bool Swap>
 ZK_KERNEL void convert_bgr24_to_bgr555(uint8_t* row, uint32_t width) {
-    by_blocks<3, 2>(row, width, [](const uint8_t* s, uint8_t* d, uint32_t n) {
-        for (uint32_t i = 0; i < n; ++i) {
-            const uint16_t c0 = s[3 * i] >> 3, c1 = s[3 * i + 1] >> 3, c2 = s[3 * i + 2] >> 3;
-            const uint16_t w = static_cast<uint16_t>(Swap ? (c0 << 10 | c1 << 5 | c2) : (c2 << 10 | c1 << 5 | c0));
-            d[2 * i] = static_cast<uint8_t>(w);
-            d[2 * i + 1] = static_cast<uint8_t>(w >> 8);
-        }
-    });
+    size_t i = 0;
+#if ZK_VECTORS
+    // Sixteen pixels per group, forwards in place (32 bytes out of 48).
+    for (; i + 16 <= width; i += 16) {
+        const uint8_t* p = row + 3 * i;
+        const V16 a = load16(p), b = load16(p + 16), c = load16(p + 32);
+        const W16 c0 = __builtin_convertvector(channel_of<0>(a, b, c), W16) >> 3;
+        const W16 c1 = __builtin_convertvector(channel_of<1>(a, b, c), W16) >> 3;
+        const W16 c2 = __builtin_convertvector(channel_of<2>(a, b, c), W16) >> 3;
+        const W16 w = Swap ? (c0 << 10 | c1 << 5 | c2) : (c2 << 10 | c1 << 5 | c0);
+        std::memcpy(row + 2 * i, &w, 32);  // little-endian lanes
+    }
+#endif
+    for (; i < width; ++i) {
+        const uint8_t* q = row + 3 * i;
+        const uint32_t c0 = q[0] >> 3, c1 = q[1] >> 3, c2 = q[2] >> 3;
+        const uint32_t w = Swap ? (c0 << 10 | c1 << 5 | c2) : (c2 << 10 | c1 << 5 | c0);
+        row[2 * i] = static_cast<uint8_t>(w);
+        row[2 * i + 1] = static_cast<uint8_t>(w >> 8);
+    }
 }
 
 template <bool Swap>
 ZK_KERNEL void convert_bgr555_to_bgr24(uint8_t* row, uint32_t width) {
-    by_blocks<2, 3>(row, width, [](const uint8_t* s, uint8_t* d, uint32_t n) {
-        for (uint32_t i = 0; i < n; ++i) {
-            const uint16_t w = static_cast<uint16_t>(s[2 * i] | s[2 * i + 1] << 8);
-            const uint16_t lo = w & 31, mid = w >> 5 & 31, hi = w >> 10 & 31;
-            const auto wlo = static_cast<uint8_t>(lo << 3 | lo >> 2), wmid = static_cast<uint8_t>(mid << 3 | mid >> 2),
-                       whi = static_cast<uint8_t>(hi << 3 | hi >> 2);
-            d[3 * i] = Swap ? whi : wlo;
-            d[3 * i + 1] = wmid;
-            d[3 * i + 2] = Swap ? wlo : whi;
-        }
-    });
+    size_t end = width;
+#if ZK_VECTORS
+    // Sixteen pixels per group from the last group back: a group's stores
+    // (from byte 48g) never reach the next group's loads (below byte 32g).
+    for (; end >= 16; end -= 16) {
+        const size_t i = end - 16;
+        W16 w;
+        std::memcpy(&w, row + 2 * i, 32);
+        const W16 lo = w & 31, mid = w >> 5 & 31, hi = w >> 10 & 31;
+        const V16 x = __builtin_convertvector(lo << 3 | lo >> 2, V16);
+        const V16 y = __builtin_convertvector(mid << 3 | mid >> 2, V16);
+        const V16 z = __builtin_convertvector(hi << 3 | hi >> 2, V16);
+        const V16 c0 = Swap ? z : x, c2 = Swap ? x : z;
+        uint8_t* q = row + 3 * i;
+        const V16 o0 = interleave_part<0>(c0, y, c2), o1 = interleave_part<1>(c0, y, c2),
+                  o2 = interleave_part<2>(c0, y, c2);
+        store16(q, o0);
+        store16(q + 16, o1);
+        store16(q + 32, o2);
+    }
+#endif
+    for (size_t i = end; i-- > 0;) {
+        const uint32_t w = row[2 * i] | uint32_t{row[2 * i + 1]} << 8;
+        const auto widen = [](uint32_t v) { return static_cast<uint8_t>(v << 3 | v >> 2); };
+        const uint8_t lo = widen(w & 31), mid = widen(w >> 5 & 31), hi = widen(w >> 10 & 31);
+        row[3 * i] = Swap ? hi : lo;
+        row[3 * i + 1] = mid;
+        row[3 * i + 2] = Swap ? lo : hi;
+    }
 }
 
 template <bool Swap>
