@@ -11,6 +11,24 @@ cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZK_SANITIZE=ON -DZK
 cmake --build build/asan -j "$jobs"
 (cd build/asan && ASAN_OPTIONS=detect_leaks=1 ctest -j "$jobs" --output-on-failure --timeout 600)
 
+if command -v clang++ >/dev/null; then
+  echo "== fuzz targets, a short run each (clang, libFuzzer) =="
+  cmake -S . -B build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+    -DZK_BUILD_FUZZ=ON -DZK_BUILD_TESTS=OFF >/dev/null
+  cmake --build build/fuzz -j "$jobs"
+  for target in build/fuzz/fuzz/fuzz_*; do
+    [ -x "$target" ] || continue
+    name=$(basename "$target")
+    mkdir -p "build/fuzz/corpus/$name"
+    if ! "$target" -max_total_time=20 -max_len=4096 "build/fuzz/corpus/$name" >"build/fuzz/$name.log" 2>&1; then
+      tail -n 40 "build/fuzz/$name.log"
+      echo "fuzz target $name failed"
+      exit 1
+    fi
+    echo "$name: $(grep -Eo 'Done [0-9]+ runs' "build/fuzz/$name.log" || echo 'ran')"
+  done
+fi
+
 echo "== 32-bit =="
 cmake -S . -B build/m32 -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZK_BUNDLED_GTEST=ON \
   -DCMAKE_C_FLAGS=-m32 -DCMAKE_CXX_FLAGS=-m32 -DCMAKE_SHARED_LINKER_FLAGS=-m32 -DCMAKE_EXE_LINKER_FLAGS=-m32 >/dev/null
