@@ -27,7 +27,7 @@ std::vector<uint8_t> bytes_of(const BitmapHandle& b) {
 
 }  // namespace
 
-TEST(InitBitmap, RowLengthsForWidthsAndDepths) {
+TEST(InitBitmap, RowLengthsAndFieldsForWidthsAndDepths) {
     for (int32_t bpp : kDepths) {
         for (int32_t width = 0; width <= 130; ++width) {
             BitmapHandle b{};
@@ -36,6 +36,27 @@ TEST(InitBitmap, RowLengthsForWidthsAndDepths) {
                 << width << "x" << bpp;
             ASSERT_EQ(b.Size, size_t{b.BytesPerLine} * 3);
         }
+        SCOPED_TRACE(bpp);
+        const BitmapHandle b = zktest::described(9, 7, bpp);
+        EXPECT_EQ(b.StructSize, static_cast<uint32_t>(Z_BITMAPHANDLE_SIZE));
+        EXPECT_EQ(b.Width, 9);
+        EXPECT_EQ(b.Height, 7);
+        EXPECT_EQ(b.BitsPerPixel, bpp);
+        EXPECT_EQ(b.ViewPerspective, VP_BOTTOM_LEFT);
+        EXPECT_EQ(b.ColorCount, bpp < 9 ? 1u << bpp : 0u);
+        EXPECT_EQ(b.Order, bpp < 9 ? CO_RGB : bpp == 12 ? CO_GRAY : CO_BGR);
+        const uint32_t top = static_cast<uint32_t>(bpp - 1);
+        const uint32_t bits[] = {b.HighBit, b.PaintHighBit, b.LowBit, b.PaintLowBit};
+        const uint32_t want_bits[] = {top, top, 0, 0};
+        for (int k = 0; k < 4; ++k) EXPECT_EQ(bits[k], want_bits[k]) << k;
+        EXPECT_EQ(b.Percent, 100u);
+        EXPECT_EQ(b.XResolution, 150);
+        EXPECT_EQ(b.YResolution, 150);
+        EXPECT_EQ(b.DitherMethod, Z_GetDefaultDithering());
+        EXPECT_EQ(b.Flags, 0u);
+        EXPECT_EQ(b.Data, nullptr);
+        EXPECT_EQ(b.Palette, nullptr);
+        EXPECT_EQ(b.MaxVal, 0u);
     }
     struct Case {
         int32_t width, bpp;
@@ -47,7 +68,11 @@ TEST(InitBitmap, RowLengthsForWidthsAndDepths) {
     EXPECT_EQ(zktest::described(10, 0, 8).Size, 0u);
 }
 
-TEST(InitBitmap, EveryInvalidDepthIsRefusedAndLeavesZeroedRecord) {
+// A refused depth, and zero width, height and depth together, leave a record
+// that is all zero but for its size.
+TEST(InitBitmap, InvalidDepthOrZeroGeometryLeavesZeroedRecord) {
+    BitmapHandle zero{};
+    zero.StructSize = static_cast<uint32_t>(Z_BITMAPHANDLE_SIZE);
     for (int32_t bpp = -2; bpp <= 70; ++bpp) {
         BitmapHandle b;
         std::memset(&b, 0xCD, sizeof b);
@@ -57,25 +82,15 @@ TEST(InitBitmap, EveryInvalidDepthIsRefusedAndLeavesZeroedRecord) {
             continue;
         }
         ASSERT_EQ(r, ST_BAD_BPP) << bpp;
-        BitmapHandle zero{};
-        zero.StructSize = static_cast<uint32_t>(Z_BITMAPHANDLE_SIZE);
         EXPECT_EQ(bytes_of(b), bytes_of(zero)) << bpp;
     }
-    BitmapHandle b{};
-    EXPECT_EQ(Z_InitBitmap(&b, Z_BITMAPHANDLE_SIZE, 1, 0, 0), ST_BAD_BPP);
-    EXPECT_EQ(Z_InitBitmap(&b, Z_BITMAPHANDLE_SIZE, 0, 1, 0), ST_BAD_BPP);
-    EXPECT_EQ(Z_InitBitmap(&b, Z_BITMAPHANDLE_SIZE, 0, 0, 1), ST_OK);
-}
-
-TEST(InitBitmap, ZeroGeometryGivesZeroRecord) {
     BitmapHandle b;
     std::memset(&b, 0x5A, sizeof b);
     ASSERT_EQ(Z_InitBitmap(&b, Z_BITMAPHANDLE_SIZE, 0, 0, 0), ST_OK);
-    BitmapHandle zero{};
-    zero.StructSize = static_cast<uint32_t>(Z_BITMAPHANDLE_SIZE);
     EXPECT_EQ(bytes_of(b), bytes_of(zero));
-    EXPECT_EQ(b.ViewPerspective, 0u);
-    EXPECT_EQ(b.Percent, 0u);
+    EXPECT_EQ(Z_InitBitmap(&b, Z_BITMAPHANDLE_SIZE, 1, 0, 0), ST_BAD_BPP);
+    EXPECT_EQ(Z_InitBitmap(&b, Z_BITMAPHANDLE_SIZE, 0, 1, 0), ST_BAD_BPP);
+    EXPECT_EQ(Z_InitBitmap(&b, Z_BITMAPHANDLE_SIZE, 0, 0, 1), ST_OK);
 }
 
 TEST(InitBitmap, BadRecordOrSizeWritesNothing) {
@@ -87,32 +102,6 @@ TEST(InitBitmap, BadRecordOrSizeWritesNothing) {
         const auto before = bytes_of(b);
         EXPECT_EQ(Z_InitBitmap(&b, size, 1, 1, 8), ST_BAD_STRUCT_SIZE) << size;
         EXPECT_EQ(bytes_of(b), before);
-    }
-}
-
-TEST(InitBitmap, FieldsPerDepth) {
-    for (int32_t bpp : kDepths) {
-        SCOPED_TRACE(bpp);
-        const BitmapHandle b = zktest::described(9, 7, bpp);
-        EXPECT_EQ(b.StructSize, static_cast<uint32_t>(Z_BITMAPHANDLE_SIZE));
-        EXPECT_EQ(b.Width, 9);
-        EXPECT_EQ(b.Height, 7);
-        EXPECT_EQ(b.BitsPerPixel, bpp);
-        EXPECT_EQ(b.ViewPerspective, VP_BOTTOM_LEFT);
-        EXPECT_EQ(b.ColorCount, bpp < 9 ? 1u << bpp : 0u);
-        EXPECT_EQ(b.Order, bpp < 9 ? CO_RGB : bpp == 12 ? CO_GRAY : CO_BGR);
-        EXPECT_EQ(b.HighBit, static_cast<uint32_t>(bpp - 1));
-        EXPECT_EQ(b.PaintHighBit, static_cast<uint32_t>(bpp - 1));
-        EXPECT_EQ(b.LowBit, 0u);
-        EXPECT_EQ(b.PaintLowBit, 0u);
-        EXPECT_EQ(b.Percent, 100u);
-        EXPECT_EQ(b.XResolution, 150);
-        EXPECT_EQ(b.YResolution, 150);
-        EXPECT_EQ(b.DitherMethod, Z_GetDefaultDithering());
-        EXPECT_EQ(b.Flags, 0u);
-        EXPECT_EQ(b.Data, nullptr);
-        EXPECT_EQ(b.Palette, nullptr);
-        EXPECT_EQ(b.MaxVal, 0u);
     }
 }
 

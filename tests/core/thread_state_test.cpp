@@ -1,5 +1,6 @@
 // Per-thread settings blocks, thread slots, callbacks, memory and runtime
 // wrappers.
+#include <algorithm>
 #include <clocale>
 #include <cstdint>
 #include <cstring>
@@ -12,10 +13,17 @@
 
 namespace {
 
+// The settings a thread's block holds, as the exports report them.
 struct Defaults {
     int32_t x, y;
     uint32_t dither, memory_type;
     bool process_block;
+    std::wstring temp_dir;
+    Z_OPENPROC open;
+    STATUSCALLBACK status;
+    COPYSTATUSCALLBACK copy_status;
+    SUBSTITUTEFONTCALLBACK font;
+    int32_t thresholds[5];
 };
 
 Defaults read_defaults() {
@@ -25,17 +33,42 @@ Defaults read_defaults() {
     d.dither = Z_GetDefaultDithering();
     EXPECT_EQ(Z_GetDefaultMemoryType(&d.memory_type), ST_OK);
     d.process_block = zk::is_process_block(zk::thread_state());
+    wchar_t dir[Z_MAX_PATH] = {};
+    EXPECT_EQ(Z_GetTempDirectory(dir), ST_OK);
+    d.temp_dir = dir;
+    EXPECT_EQ(Z_GetFilterIOData(&d.open, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                nullptr),
+              ST_OK);
+    d.status = Z_GetStatusCallBack(nullptr);
+    d.copy_status = Z_GetCopyStatusCallBack(nullptr);
+    d.font = Z_VecGetSubstituteFontCallback(nullptr);
+    int32_t* t = d.thresholds;
+    EXPECT_EQ(Z_GetMemoryThresholds(&t[0], &t[1], &t[2], &t[3], &t[4]), ST_OK);
     return d;
 }
 
+Z_FILE Z_API other_open(const wchar_t*, int32_t, int32_t, void*) { return Z_INVALID_FILE; }
+int32_t Z_API status_a(int32_t, void*) { return ST_OK; }
+int32_t Z_API status_b(int32_t, void*) { return ST_OK; }
+int32_t Z_API font_cb(const wchar_t*, wchar_t*, void*) { return ST_OK; }
+
 }  // namespace
 
+// Every per-thread setting changed here: a new thread sees the initial values,
+// and a thread that changes its own leaves ours alone.
 TEST(ThreadState, NewThreadSeesInitialDefaultsWhileAnotherChangedItsOwn) {
+    const Defaults initial = read_defaults();
     const int32_t old_x = Z_SetDefaultXResolution(300);
     const int32_t old_y = Z_SetDefaultYResolution(-5);
     const uint32_t old_dither = Z_GetDefaultDithering();
     ASSERT_EQ(Z_DefaultDithering(DITHER_FLOYD), ST_OK);
     ASSERT_EQ(Z_SetDefaultMemoryType(TYPE_DISK), ST_OK);
+    ASSERT_EQ(Z_SetTempDirectory(L"/mine/"), ST_OK);
+    ASSERT_EQ(Z_RedirectIO(other_open, nullptr, nullptr, nullptr, nullptr, nullptr), ST_OK);
+    ASSERT_EQ(Z_SetStatusCallBack(status_a, nullptr, nullptr, nullptr), ST_OK);
+    ASSERT_EQ(Z_SetCopyStatusCallBack(status_b, nullptr, nullptr, nullptr), ST_OK);
+    ASSERT_EQ(Z_VecSetSubstituteFontCallback(font_cb, nullptr), ST_OK);
+    ASSERT_EQ(Z_SetMemoryThresholds(-7, 1234, 0x10000, 5, 3, 31), ST_OK);
 
     Defaults other{};
     std::thread([&] { other = read_defaults(); }).join();
@@ -44,17 +77,33 @@ TEST(ThreadState, NewThreadSeesInitialDefaultsWhileAnotherChangedItsOwn) {
     EXPECT_EQ(other.dither, DITHER_ORDERED);
     EXPECT_EQ(other.memory_type, TYPE_CONV);
     EXPECT_FALSE(other.process_block);
+    EXPECT_EQ(other.temp_dir, initial.temp_dir);  // the system's
+    EXPECT_EQ(other.temp_dir.back(), L'/');
+    EXPECT_EQ(other.open, Z_OsOpen);
+    EXPECT_EQ(other.status, nullptr);
+    EXPECT_EQ(other.copy_status, nullptr);
+    EXPECT_EQ(other.font, nullptr);
+    const int32_t initial_thresholds[5] = {0, 0x7FFFFFFF, 0, -100, 1};
+    for (int k = 0; k < 5; ++k) EXPECT_EQ(other.thresholds[k], initial_thresholds[k]) << k;
 
     // A thread that changes its own defaults does not touch ours.
     std::thread([] {
         Z_SetDefaultXResolution(72);
         Z_DefaultDithering(DITHER_NONE);
+        Z_SetTempDirectory(L"/theirs/");
+        Z_SetMemoryThresholds(0, 99, 0, 0, 0, 31);
     }).join();
     const Defaults mine = read_defaults();
     EXPECT_EQ(mine.x, 300);
     EXPECT_EQ(mine.y, -5);
     EXPECT_EQ(mine.dither, DITHER_FLOYD);
     EXPECT_EQ(mine.memory_type, TYPE_DISK);
+    EXPECT_EQ(mine.temp_dir, L"/mine/");
+    EXPECT_EQ(mine.open, other_open);
+    EXPECT_EQ(mine.status, status_a);
+    EXPECT_EQ(mine.copy_status, status_b);
+    EXPECT_EQ(mine.font, font_cb);
+    EXPECT_EQ(mine.thresholds[1], 1234);
 
     // New records of this thread use 150 for a resolution that is not positive.
     const BitmapHandle b = zktest::described(4, 4, 8);
@@ -66,6 +115,13 @@ TEST(ThreadState, NewThreadSeesInitialDefaultsWhileAnotherChangedItsOwn) {
     EXPECT_EQ(Z_SetDefaultYResolution(old_y), -5);
     Z_DefaultDithering(old_dither);
     Z_SetDefaultMemoryType(TYPE_CONV);
+    Z_SetTempDirectory(initial.temp_dir.c_str());
+    Z_RedirectIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+    Z_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr);
+    Z_SetCopyStatusCallBack(nullptr, nullptr, nullptr, nullptr);
+    Z_VecSetSubstituteFontCallback(nullptr, nullptr);
+    const int32_t* t = initial.thresholds;
+    Z_SetMemoryThresholds(t[0], t[1], t[2], t[3], t[4], 31);
 }
 
 TEST(ThreadState, BlockIsReleasedWhenTheThreadEnds) {
@@ -92,6 +148,7 @@ TEST(ThreadState, FailedCreationFallsBackToProcessBlockWithoutLeaking) {
         bool fallback = false;
         int32_t fallback_x = -1;
         uint32_t fallback_dither = 99;
+        bool fallback_words_zero = false;
         Defaults retried{};
         long during = -1;
         std::thread([&] {
@@ -101,6 +158,7 @@ TEST(ThreadState, FailedCreationFallsBackToProcessBlockWithoutLeaking) {
                 fallback = zk::is_process_block(s);
                 fallback_x = s.x_resolution;
                 fallback_dither = s.dither_method;
+                fallback_words_zero = s.slots == nullptr && s.open == nullptr;  // null: the library's own
                 during = zk::testing::live_thread_blocks();
             }
             // The next call finds no block and tries again.
@@ -111,22 +169,12 @@ TEST(ThreadState, FailedCreationFallsBackToProcessBlockWithoutLeaking) {
         // The process-wide block starts zeroed.
         EXPECT_EQ(fallback_x, 0);
         EXPECT_EQ(fallback_dither, 0u);
+        EXPECT_TRUE(fallback_words_zero);
         EXPECT_FALSE(retried.process_block);
         EXPECT_EQ(retried.x, 150);
         EXPECT_EQ(retried.dither, DITHER_ORDERED);
         EXPECT_EQ(zk::testing::live_thread_blocks(), before);
     }
-}
-
-TEST(ThreadState, ProcessBlockServesWithZeroedWords) {
-    // With the process block in force, defaults and slots still behave.
-    std::thread([] {
-        zktest::FaultScope fault(zk::platform::FaultKind::Allocation, 1);
-        zk::ThreadState& s = zk::thread_state();
-        ASSERT_TRUE(zk::is_process_block(s));
-        EXPECT_EQ(s.slots, nullptr);
-        EXPECT_EQ(s.open, nullptr);  // means the library's own routines
-    }).join();
 }
 
 // ---------------------------------------------------------------------------
@@ -235,13 +283,7 @@ TEST(ThreadSlots, ConcurrentAllocationHandsOutDistinctSlots) {
 // ---------------------------------------------------------------------------
 // Callbacks.
 
-namespace {
-int32_t Z_API status_a(int32_t, void*) { return ST_OK; }
-int32_t Z_API status_b(int32_t, void*) { return ST_OK; }
-int32_t Z_API font_cb(const wchar_t*, wchar_t*, void*) { return ST_OK; }
-}  // namespace
-
-TEST(Callbacks, SettersHandBackPreviousValuesAndArePerThread) {
+TEST(Callbacks, SettersHandBackPreviousValues) {
     int ua = 0, ub = 0;
     STATUSCALLBACK prev = status_b;
     void* prev_user = &ub;
@@ -268,15 +310,6 @@ TEST(Callbacks, SettersHandBackPreviousValuesAndArePerThread) {
     EXPECT_EQ(Z_VecSetSubstituteFontCallback(font_cb, &ub), ST_OK);
     EXPECT_EQ(Z_VecGetSubstituteFontCallback(&user), font_cb);
     EXPECT_EQ(user, &ub);
-
-    COPYSTATUSCALLBACK other_copy = status_b;
-    SUBSTITUTEFONTCALLBACK other_font = font_cb;
-    std::thread([&] {
-        other_copy = Z_GetCopyStatusCallBack(nullptr);
-        other_font = Z_VecGetSubstituteFontCallback(nullptr);
-    }).join();
-    EXPECT_EQ(other_copy, nullptr);
-    EXPECT_EQ(other_font, nullptr);
 
     Z_SetCopyStatusCallBack(nullptr, nullptr, &cprev, nullptr);
     EXPECT_EQ(cprev, status_a);
@@ -331,126 +364,79 @@ TEST(Callbacks, ProgressReportsWholePercentagesAndStops) {
 // ---------------------------------------------------------------------------
 // Memory wrappers.
 
-TEST(Memory, HeapWrappers) {
-    auto* p = static_cast<uint8_t*>(Z_Realloc(nullptr, 16));
-    ASSERT_NE(p, nullptr);
-    std::memset(p, 0x5A, 16);
-    p = static_cast<uint8_t*>(Z_Realloc(p, 4096));
-    ASSERT_NE(p, nullptr);
-    for (int i = 0; i < 16; ++i) EXPECT_EQ(p[i], 0x5A);
-    Z_Free(p);
-    Z_Free(nullptr);
-
-    auto* z = static_cast<uint8_t*>(Z_Calloc(100, 3));
-    ASSERT_NE(z, nullptr);
-    for (int i = 0; i < 300; ++i) ASSERT_EQ(z[i], 0);
-    Z_FreeDump(z, __FILE__, __LINE__);
-    void* m = Z_MallocDump(10, __FILE__, __LINE__);
-    m = Z_ReallocDump(m, 20, __FILE__, __LINE__);
-    ASSERT_NE(m, nullptr);
-    Z_Free(m);
-    Z_Free(Z_CallocDump(2, 2, nullptr, 0));
-    Z_DumpMemoryReport("nothing to report");
-    Z_DumpMemoryReport(nullptr);
-
-    {
-        zktest::FaultScope fault(zk::platform::FaultKind::Allocation, 1);
-        EXPECT_EQ(Z_Malloc(8), nullptr);
-    }
-    void* keep = Z_Malloc(8);
-    ASSERT_NE(keep, nullptr);
-    {
-        zktest::FaultScope fault(zk::platform::FaultKind::Allocation, 1);
-        EXPECT_EQ(Z_Realloc(keep, 1 << 20), nullptr);  // the old block stays
-    }
-    Z_Free(keep);
-}
-
-TEST(Memory, MovableBlocksKeepContentsAndZeroGrowth) {
+// Contents survive reallocation both ways; the zeroing variants zero new bytes.
+TEST(Memory, ReallocationKeepsContentsAndZeroesGrowthWhereAsked) {
     struct Case {
         size_t first, second;
-        bool init;
-    } cases[] = {{1, 1, false}, {16, 4096, true}, {4096, 16, true}, {1000, 100000, true}, {0, 64, true}};
+        int how;  // 0: heap, 1: movable, 2: movable with zeroed growth
+    } cases[] = {{16, 4096, 0}, {4096, 16, 0}, {1, 1, 1},        {16, 4096, 2},
+                 {4096, 16, 2}, {1000, 100000, 2}, {0, 64, 2}, {100, 5000, 1}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.first);
-        auto* p = static_cast<uint8_t*>(Z_OsAllocInit(c.first, 1));
+        SCOPED_TRACE(testing::Message() << c.first << " -> " << c.second << " how " << c.how);
+        auto* p = static_cast<uint8_t*>(c.how == 0 ? Z_Calloc(c.first, 1) : Z_OsAllocInit(c.first, 1));
         ASSERT_NE(p, nullptr);
         for (size_t i = 0; i < c.first; ++i) ASSERT_EQ(p[i], 0);
         std::memset(p, 0xC3, c.first);
-        auto* q = static_cast<uint8_t*>(c.init ? Z_OsReAllocInit(p, c.second, 1) : Z_OsReAlloc(p, c.second));
+        auto* q = static_cast<uint8_t*>(c.how == 0   ? Z_Realloc(p, c.second)
+                                        : c.how == 1 ? Z_OsReAlloc(p, c.second)
+                                                     : Z_OsReAllocInit(p, c.second, 1));
         ASSERT_NE(q, nullptr);
         const size_t kept = std::min(c.first, c.second);
         for (size_t i = 0; i < kept; ++i) ASSERT_EQ(q[i], 0xC3);
-        if (c.init) {
+        if (c.how == 2) {
             for (size_t i = kept; i < c.second; ++i) ASSERT_EQ(q[i], 0) << i;
         }
-        Z_OsFree(q);
+        c.how == 0 ? Z_Free(q) : Z_OsFree(q);
     }
+    Z_Free(nullptr);
     Z_OsFree(nullptr);
-    void* fresh = Z_OsReAlloc(nullptr, 32);  // a null pointer allocates
-    ASSERT_NE(fresh, nullptr);
-    Z_OsFreeDump(fresh, __FILE__, __LINE__);
-    void* d = Z_OsAllocDump(8, __FILE__, __LINE__);
-    d = Z_OsReAllocDump(d, 16, __FILE__, __LINE__);
+    // A null pointer allocates; the recording variants behave the same.
+    Z_Free(Z_Realloc(nullptr, 16));
+    Z_OsFreeDump(Z_OsReAlloc(nullptr, 32), __FILE__, __LINE__);
+    void* m = Z_ReallocDump(Z_MallocDump(10, __FILE__, __LINE__), 20, __FILE__, __LINE__);
+    ASSERT_NE(m, nullptr);
+    Z_FreeDump(m, __FILE__, __LINE__);
+    Z_Free(Z_CallocDump(2, 2, nullptr, 0));
+    void* d = Z_OsReAllocDump(Z_OsAllocDump(8, __FILE__, __LINE__), 16, __FILE__, __LINE__);
     d = Z_OsReAllocInitDump(d, 32, 1, __FILE__, __LINE__);
     ASSERT_NE(d, nullptr);
     Z_OsFree(d);
     Z_OsFree(Z_OsAllocInitDump(8, 0, nullptr, 0));
+    Z_DumpMemoryReport("nothing to report");
+    Z_DumpMemoryReport(nullptr);
 }
 
-TEST(Memory, MovableBlockAllocationFailures) {
-    {
-        zktest::FaultScope fault(zk::platform::FaultKind::Allocation, 1);
-        EXPECT_EQ(Z_OsAlloc(64), nullptr);
+// Injected failures and sizes beyond the address space give null; a failed
+// reallocation keeps the old block, contents and address.
+TEST(Memory, FailedOrImpossibleAllocationsGiveNullAndKeepTheOldBlock) {
+    using zk::platform::FaultKind;
+    const size_t impossible[] = {SIZE_MAX, SIZE_MAX - 8, SIZE_MAX / 2 + 1};
+    void* (*const allocs[])(size_t) = {[](size_t n) { return Z_Malloc(n); }, [](size_t n) { return Z_OsAlloc(n); },
+                                        [](size_t n) { return Z_OsAllocInit(n, 1); }};
+    for (auto alloc : allocs) {
+        EXPECT_EQ(zktest::under_fault(FaultKind::Allocation, 1, [&] { return alloc(64); }), nullptr);
+        for (size_t n : impossible) EXPECT_EQ(alloc(n), nullptr) << n;
     }
-    {
-        zktest::FaultScope fault(zk::platform::FaultKind::Allocation, 1);
-        EXPECT_EQ(Z_OsAllocInit(64, 1), nullptr);
-    }
-    auto* p = static_cast<uint8_t*>(Z_OsAlloc(64));
-    ASSERT_NE(p, nullptr);
-    std::memset(p, 0x77, 64);
-    {
-        zktest::FaultScope fault(zk::platform::FaultKind::Allocation, 1);
-        EXPECT_EQ(Z_OsReAlloc(p, 1 << 20), nullptr);
-    }
-    {
-        zktest::FaultScope fault(zk::platform::FaultKind::Allocation, 1);
-        EXPECT_EQ(Z_OsReAllocInit(p, 1 << 20, 1), nullptr);
-    }
-    // The old block is kept, still locked at the same address.
-    for (int i = 0; i < 64; ++i) ASSERT_EQ(p[i], 0x77);
-    auto* q = static_cast<uint8_t*>(Z_OsReAlloc(p, 128));
-    ASSERT_NE(q, nullptr);
-    EXPECT_EQ(q[63], 0x77);
-    Z_OsFree(q);
-}
-
-TEST(Memory, ImpossibleSizesFailCleanly) {
-    const size_t sizes[] = {SIZE_MAX, SIZE_MAX - 8, SIZE_MAX / 2 + 1};
-    for (size_t size : sizes) {
-        EXPECT_EQ(Z_Malloc(size), nullptr);
-        EXPECT_EQ(Z_OsAlloc(size), nullptr);
-        EXPECT_EQ(Z_OsAllocInit(size, 1), nullptr);
-    }
-    // count * size beyond the address space.
-    EXPECT_EQ(Z_Calloc(SIZE_MAX / 2, 3), nullptr);
+    EXPECT_EQ(Z_Calloc(SIZE_MAX / 2, 3), nullptr);  // count * size beyond the address space
     EXPECT_EQ(Z_Calloc(3, SIZE_MAX / 2), nullptr);
-    auto* heap = static_cast<uint8_t*>(Z_Malloc(8));
-    auto* block = static_cast<uint8_t*>(Z_OsAlloc(8));
-    ASSERT_NE(heap, nullptr);
-    ASSERT_NE(block, nullptr);
-    heap[7] = 1;
-    block[7] = 2;
-    for (size_t size : sizes) {
-        EXPECT_EQ(Z_Realloc(heap, size), nullptr);
-        EXPECT_EQ(Z_OsReAlloc(block, size), nullptr);
-        EXPECT_EQ(Z_OsReAllocInit(block, size, 1), nullptr);
+    struct Re {
+        bool heap;
+        void* (*re)(void*, size_t);
+    } res[] = {{true, [](void* p, size_t n) { return Z_Realloc(p, n); }},
+               {false, [](void* p, size_t n) { return Z_OsReAlloc(p, n); }},
+               {false, [](void* p, size_t n) { return Z_OsReAllocInit(p, n, 1); }}};
+    for (const Re& r : res) {
+        auto* p = static_cast<uint8_t*>(r.heap ? Z_Malloc(64) : Z_OsAlloc(64));
+        ASSERT_NE(p, nullptr);
+        std::memset(p, 0x77, 64);
+        EXPECT_EQ(zktest::under_fault(FaultKind::Allocation, 1, [&] { return r.re(p, 1 << 20); }), nullptr);
+        for (size_t n : impossible) EXPECT_EQ(r.re(p, n), nullptr) << n;
+        for (int i = 0; i < 64; ++i) ASSERT_EQ(p[i], 0x77);
+        auto* q = static_cast<uint8_t*>(r.re(p, 128));
+        ASSERT_NE(q, nullptr);
+        EXPECT_EQ(q[63], 0x77);
+        r.heap ? Z_Free(q) : Z_OsFree(q);
     }
-    EXPECT_EQ(heap[7], 1);  // both kept
-    EXPECT_EQ(block[7], 2);
-    Z_Free(heap);
-    Z_OsFree(block);
 }
 
 // ---------------------------------------------------------------------------

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <random>
 #include <string>
 #include <vector>
@@ -38,6 +39,28 @@ public:
 private:
     zk::platform::FaultKind kind_;
 };
+
+// Runs `fn` with the n-th call of `kind` failing and returns its result.
+template <typename Fn>
+auto under_fault(zk::platform::FaultKind kind, int nth, Fn fn) {
+    FaultScope scope(kind, nth);
+    return fn();
+}
+
+// A fault sweep: for each kind, attempt(kind, n) for n = 1, 2, ... until it
+// returns true (the operation got past every call of that kind), which must
+// happen before `limit`.
+template <typename Attempt>
+void sweep_faults(std::initializer_list<zk::platform::FaultKind> kinds, int limit, Attempt attempt) {
+    for (zk::platform::FaultKind kind : kinds) {
+        bool done = false;
+        for (int n = 1; !done && n < limit; ++n) {
+            SCOPED_TRACE(::testing::Message() << "fault kind " << static_cast<int>(kind) << ", call " << n);
+            done = attempt(kind, n);
+        }
+        EXPECT_TRUE(done) << "fault kind " << static_cast<int>(kind) << " still failing at call " << limit;
+    }
+}
 
 // Deterministic random bytes.
 std::vector<uint8_t> random_bytes(size_t count, uint32_t seed);
