@@ -86,23 +86,21 @@ TEST(CreateBitmap, CallerMemoryMustMatchTheSize) {
 }
 
 TEST(CreateBitmap, InjectedAllocationFailuresLeaveNothing) {
-    for (int n = 1; n < 50; ++n) {
+    sweep_faults({pf::FaultKind::Allocation}, 50, [](pf::FaultKind kind, int n) {
         BitmapHandle b{};
         pf::reset_fault_counters();
-        int32_t status;
-        {
-            FaultScope f(pf::FaultKind::Allocation, n);
-            status = Z_CreateBitmap(&b, Z_BITMAPHANDLE_SIZE, TYPE_CONV, 7, 7, 4, 0, nullptr, 0, nullptr, 0);
-        }
-        const bool reached = pf::fault_calls(pf::FaultKind::Allocation) >= n;
+        const int32_t status = under_fault(kind, n, [&] {
+            return Z_CreateBitmap(&b, Z_BITMAPHANDLE_SIZE, TYPE_CONV, 7, 7, 4, 0, nullptr, 0, nullptr, 0);
+        });
+        const bool reached = pf::fault_calls(kind) >= n;
         if (status != ST_OK) {
             EXPECT_TRUE(reached);
             EXPECT_EQ(b.Flags & BF_ALLOCATED, 0u);
             EXPECT_EQ(b.Palette, nullptr);
         }
         Z_FreeBitmap(&b);
-        if (!reached) break;
-    }
+        return !reached;
+    });
 }
 
 TEST(GrayParams, InitSetsTheFullWindow) {

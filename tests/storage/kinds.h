@@ -48,12 +48,12 @@ inline void set_tiles(int32_t tile_size, int32_t max_mem_tiles, int32_t views) {
     ASSERT_EQ(Z_SetMemoryThresholds(0, 0, tile_size, max_mem_tiles, views, 4 | 8 | 16), ST_OK);
 }
 
-// A bitmap of the kind; rows per tile are 3 for the tiled kinds. `caller`
-// holds the pixel memory of Kind::Caller.
+// A bitmap of the kind, global storage locked; `rows` rows per tile for the
+// tiled kinds. `caller` holds the pixel memory of Kind::Caller.
 inline void make_bitmap(Kind kind, int32_t width, int32_t height, int32_t bpp, BitmapHandle& b,
-                        std::vector<uint8_t>& caller) {
+                        std::vector<uint8_t>& caller, uint32_t rows = 3) {
     b = described(width, height, bpp);
-    const int32_t three_rows = static_cast<int32_t>(b.BytesPerLine * 3);
+    const int32_t tile_bytes = static_cast<int32_t>(b.BytesPerLine * rows);
     switch (kind) {
         case Kind::Conventional: ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_CONV), ST_OK); break;
         case Kind::Global:
@@ -66,19 +66,30 @@ inline void make_bitmap(Kind kind, int32_t width, int32_t height, int32_t bpp, B
             ASSERT_EQ(Z_SetBitmapDataPointer(&b, caller.data(), caller.size()), ST_OK);
             break;
         case Kind::TiledMemory:
-            set_tiles(three_rows, -100, 1);
+            set_tiles(tile_bytes, -100, 1);
             ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_TILED), ST_OK);
             break;
         case Kind::TiledDisk:
-            set_tiles(three_rows, 0, 1);
+            set_tiles(tile_bytes, 0, 1);
             ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_TILED), ST_OK);
             break;
         case Kind::TiledMixed:
-            set_tiles(three_rows, 3, 1);
+            set_tiles(tile_bytes, 3, 1);
             ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_TILED), ST_OK);
             break;
         case Kind::Disk: ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_DISK), ST_OK); break;
     }
+}
+
+// What Z_GetBitmapMemoryInfo reports.
+struct Info {
+    uint32_t type = 0, tile = 0, count = 0, mem = 0, max_mapped = 0, mapped = 0;
+};
+
+inline Info info_of(BitmapHandle& b) {
+    Info i;
+    EXPECT_EQ(Z_GetBitmapMemoryInfo(&b, &i.type, &i.tile, &i.count, &i.mem, &i.max_mapped, &i.mapped), ST_OK);
+    return i;
 }
 
 // Anonymous shared mappings and mappings of files in `dir` now in the
