@@ -1,89 +1,24 @@
 // Bitmaps of every storage kind with seeded pixels, and ways to compare them.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <cstring>
-#include <string>
-#include <vector>
-
-#include "storage.h"
-#include "test_support.h"
+#include "../storage/kinds.h"
 
 namespace copytest {
 
-enum class Kind { Conventional, Global, User, TiledMemory, TiledDisk, Disk };
-constexpr Kind kAllKinds[] = {Kind::Conventional, Kind::Global,    Kind::User,
+using zktest::Kind;
+// The kinds but mixed tiles: the tiles on disk keep one view.
+constexpr Kind kAllKinds[] = {Kind::Conventional, Kind::Global,    Kind::Caller,
                               Kind::TiledMemory,  Kind::TiledDisk, Kind::Disk};
+inline const char* name(Kind k) { return zktest::kind_name(k); }
 
-inline const char* name(Kind k) {
-    switch (k) {
-        case Kind::Conventional: return "conventional";
-        case Kind::Global: return "global";
-        case Kind::User: return "user";
-        case Kind::TiledMemory: return "tiled-memory";
-        case Kind::TiledDisk: return "tiled-disk";
-        default: return "disk";
-    }
-}
-
-// Sets the calling thread's memory thresholds for the object's lifetime.
-class Thresholds {
-public:
-    Thresholds(int32_t tile_size, int32_t max_mem_tiles, int32_t tile_views) {
-        Z_GetMemoryThresholds(&saved_[0], &saved_[1], &saved_[2], &saved_[3], &saved_[4]);
-        EXPECT_EQ(Z_SetMemoryThresholds(0, 0x7FFFFFFF, tile_size, max_mem_tiles, tile_views, 31), ST_OK);
-    }
-    ~Thresholds() { Z_SetMemoryThresholds(saved_[0], saved_[1], saved_[2], saved_[3], saved_[4], 31); }
-
-private:
-    int32_t saved_[5] = {};
-};
-
-// Caller memory that outlives the bitmaps attached to it.
-inline std::vector<std::vector<uint8_t>>& user_blocks() {
-    static std::vector<std::vector<uint8_t>> blocks;
-    return blocks;
-}
-
-// A zero-filled bitmap of the given kind. Tiled kinds use tiles of two rows;
-// the disk variant keeps one tile in memory.
+// A zero-filled bitmap of the kind: tiles of two rows, global storage
+// unlocked, caller memory that outlives the bitmap; the thresholds restored.
 inline BitmapHandle make(Kind kind, int32_t width, int32_t height, int32_t bpp) {
-    BitmapHandle b = zktest::described(width, height, bpp);
-    const int32_t tile = static_cast<int32_t>(b.BytesPerLine * 2);
-    switch (kind) {
-        case Kind::Conventional:
-            EXPECT_EQ(Z_AllocateBitmap(&b, TYPE_CONV | TYPE_NOTILE), ST_OK);
-            break;
-        case Kind::Global: {
-            EXPECT_EQ(zk::storage::allocate_global(b), ST_OK);
-            EXPECT_TRUE(b.Flags & BF_ALLOCATED);
-            break;
-        }
-        case Kind::User: {
-            EXPECT_EQ(Z_AllocateBitmap(&b, TYPE_USER), ST_OK);
-            user_blocks().emplace_back(b.Size);
-            EXPECT_EQ(Z_SetBitmapDataPointer(&b, user_blocks().back().data(), b.Size), ST_OK);
-            break;
-        }
-        case Kind::TiledMemory: {
-            Thresholds t(tile, -100, 1);
-            EXPECT_EQ(Z_AllocateBitmap(&b, TYPE_TILED), ST_OK);
-            EXPECT_TRUE(b.Flags & BF_TILED);
-            break;
-        }
-        case Kind::TiledDisk: {
-            Thresholds t(tile, 1, 1);
-            EXPECT_EQ(Z_AllocateBitmap(&b, TYPE_TILED), ST_OK);
-            EXPECT_TRUE(b.Flags & BF_TILED);
-            break;
-        }
-        case Kind::Disk:
-            EXPECT_EQ(Z_AllocateBitmap(&b, TYPE_DISK), ST_OK);
-            EXPECT_TRUE(b.Flags & BF_DISK);
-            break;
-    }
+    static std::vector<std::vector<uint8_t>> caller_blocks;
+    zktest::ThresholdGuard guard;
+    BitmapHandle b{};
+    zktest::make_bitmap(kind, width, height, bpp, b, caller_blocks.emplace_back(), 2);
+    if (kind == Kind::Global) Z_UnlockBitmap(&b, 0);
     return b;
 }
 

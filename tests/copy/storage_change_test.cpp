@@ -20,7 +20,7 @@ namespace st = zk::storage;
 TEST(ChangeHeight, KeepsSurvivingRowsInEveryKind) {
     zktest::PrivateTempDir temp;
     for (Kind kind : copytest::kAllKinds) {
-        if (kind == Kind::User) continue;
+        if (kind == Kind::Caller) continue;
         SCOPED_TRACE(copytest::name(kind));
         BitmapHandle b = copytest::make_filled(kind, 17, 10, 8, 21);
         const uint32_t bpl = b.BytesPerLine;
@@ -85,7 +85,7 @@ TEST(ChangeHeight, FailureAtEveryStepKeepsTheRows) {
 }
 
 TEST(ChangeHeight, RefusedCases) {
-    BitmapHandle user = copytest::make(Kind::User, 4, 4, 8);
+    BitmapHandle user = copytest::make(Kind::Caller, 4, 4, 8);
     EXPECT_EQ(Z_ChangeBitmapHeight(&user, 2), ST_BAD_PARAM);
     BitmapHandle global = copytest::make(Kind::Global, 4, 4, 8);
     ASSERT_EQ(Z_LockBitmap(&global), 0);
@@ -104,16 +104,6 @@ TEST(ChangeHeight, RefusedCases) {
 }
 
 // ---------------------------------------------------------------------------
-struct Info {
-    uint32_t type = 0, tile_bytes = 0, count = 0, mem = 0, max_mapped = 0, mapped = 0;
-};
-Info info(BitmapHandle& b) {
-    Info i;
-    EXPECT_EQ(Z_GetBitmapMemoryInfo(&b, &i.type, &i.tile_bytes, &i.count, &i.mem, &i.max_mapped, &i.mapped),
-              ST_OK);
-    return i;
-}
-
 // Tiles [0, MemTiles) are memory tiles and the rest disk tiles.
 void expect_placement(BitmapHandle& b) {
     const st::TileTable* t = st::tile_table(b);
@@ -133,7 +123,7 @@ TEST(MemoryInfo, TilesMoveBetweenMemoryAndDiskInPlace) {
     BitmapHandle b = copytest::make_filled(Kind::TiledDisk, 29, 11, 24, 31);
     const std::vector<uint8_t> want = copytest::pixels(b);
     const uint8_t* table = b.Data;
-    ASSERT_EQ(info(b).count, 6u);
+    ASSERT_EQ(zktest::info_of(b).count, 6u);
     struct Step {
         uint32_t mem, max_mapped, mapped, mask;
         uint32_t want_mem, want_max, want_mapped;
@@ -148,7 +138,7 @@ TEST(MemoryInfo, TilesMoveBetweenMemoryAndDiskInPlace) {
     for (const Step& s : steps) {
         SCOPED_TRACE(testing::Message() << "mem " << s.mem << " mask " << s.mask);
         ASSERT_EQ(Z_SetBitmapMemoryInfo(&b, 0, 0, 0, s.mem, s.max_mapped, s.mapped, s.mask), ST_OK);
-        const Info now = info(b);
+        const zktest::Info now = zktest::info_of(b);
         EXPECT_EQ(now.type, TYPE_TILED);
         EXPECT_EQ(now.mem, s.want_mem);
         EXPECT_EQ(now.max_mapped, s.want_max);
@@ -158,8 +148,8 @@ TEST(MemoryInfo, TilesMoveBetweenMemoryAndDiskInPlace) {
         EXPECT_EQ(copytest::pixels(b), want);
     }
     // Asking a tiled bitmap for its own type and tile size changes nothing.
-    const Info now = info(b);
-    ASSERT_EQ(Z_SetBitmapMemoryInfo(&b, TYPE_TILED, now.tile_bytes, 0, 0, 0, 0, 1 | 2), ST_OK);
+    const zktest::Info now = zktest::info_of(b);
+    ASSERT_EQ(Z_SetBitmapMemoryInfo(&b, TYPE_TILED, now.tile, 0, 0, 0, 0, 1 | 2), ST_OK);
     EXPECT_EQ(b.Data, table);
     Z_FreeBitmap(&b);
 }
@@ -186,7 +176,7 @@ TEST(MemoryInfo, RebuildsIntoAnotherKindKeepingPixelsAndOwnership) {
     for (const Step& s : steps) {
         SCOPED_TRACE(testing::Message() << "type " << s.type << " tile " << s.tile_size);
         ASSERT_EQ(Z_SetBitmapMemoryInfo(&b, s.type, s.tile_size, 0, 0, 0, 0, s.mask), ST_OK);
-        EXPECT_EQ(info(b).type, s.want_type);
+        EXPECT_EQ(zktest::info_of(b).type, s.want_type);
         if (s.want_rows_per_tile) {
             EXPECT_EQ(st::tile_table(b)->RowsPerTile, s.want_rows_per_tile);
             const st::TileTable* t = st::tile_table(b);
