@@ -219,20 +219,16 @@ TEST(Duplicate, FailingRegionHookUndoesEverything) {
 // Duplication fails at each allocation; the source stays whole and the
 // destination holds nothing.
 TEST(Duplicate, AllocationFailureAtEveryStep) {
-    for (uint32_t flags : {15u, 14u, 1u, 0u}) {
-        bool done = false;
-        for (int n = 1; !done && n < 100; ++n) {
+    for (uint32_t flags = 0; flags < 16; ++flags) {
+        SCOPED_TRACE(flags);
+        zktest::sweep_faults({FaultKind::Allocation}, 100, [&](FaultKind kind, int n) {
             BitmapHandle src = decorated(4);
             const BitmapHandle before = src;
             BitmapHandle d;
-            int32_t r;
-            {
-                zktest::FaultScope fault(FaultKind::Allocation, n);
-                r = Z_DupBitmapNewDim(&d, &src, Z_BITMAPHANDLE_SIZE, 9, 9, 8, flags);
-            }
+            const int32_t r = zktest::under_fault(
+                kind, n, [&] { return Z_DupBitmapNewDim(&d, &src, Z_BITMAPHANDLE_SIZE, 9, 9, 8, flags); });
             EXPECT_EQ(std::memcmp(&src, &before, sizeof src), 0);
             if (r == ST_OK) {
-                done = true;
                 Z_FreeDuplicateBitmap(&d, flags);
             } else {
                 EXPECT_EQ(r, ST_NO_MEMORY);
@@ -241,8 +237,8 @@ TEST(Duplicate, AllocationFailureAtEveryStep) {
                 EXPECT_EQ(d.Overlays, nullptr);
             }
             Z_FreeBitmap(&src);
-        }
-        EXPECT_TRUE(done);
+            return r == ST_OK;
+        });
     }
 }
 
@@ -483,34 +479,27 @@ TEST(CopyFaults, EveryStepOfCopyAndRectLeavesTheSourceWhole) {
     };
     for (Kind from : {Kind::Conventional, Kind::TiledDisk, Kind::Disk}) {
         for (const Op& op : ops) {
-            for (FaultKind kind : {FaultKind::Allocation, FaultKind::Mapping, FaultKind::File}) {
-                bool done = false;
-                for (int n = 1; !done && n < 300; ++n) {
-                    BitmapHandle src = copytest::make_filled(from, 19, 6, 4, 12);
-                    const BitmapHandle before = src;
-                    const std::vector<uint8_t> pixels = copytest::pixels(src);
-                    BitmapHandle d{};
-                    int r;
-                    {
-                        zktest::FaultScope fault(kind, n);
-                        r = op.run(&d, &src);
-                    }
-                    SCOPED_TRACE(testing::Message() << copytest::name(from) << " " << op.name << " kind "
-                                                    << int(kind) << " n " << n);
-                    if (r == ST_OK) {
-                        done = true;
-                        if (std::strcmp(op.name, "crop") != 0) Z_FreeBitmap(&d);
-                    } else {
-                        EXPECT_EQ(std::memcmp(&src, &before, sizeof src), 0);
-                        EXPECT_FALSE(d.Flags & BF_ALLOCATED);
-                    }
-                    if (r != ST_OK || std::strcmp(op.name, "crop") != 0) {
-                        EXPECT_EQ(copytest::pixels(src), pixels);
-                    }
-                    Z_FreeBitmap(&src);
-                }
-                EXPECT_TRUE(done) << copytest::name(from) << " " << op.name;
-            }
+            SCOPED_TRACE(testing::Message() << copytest::name(from) << " " << op.name);
+            const bool crop = std::strcmp(op.name, "crop") == 0;
+            zktest::sweep_faults({FaultKind::Allocation, FaultKind::Mapping, FaultKind::File}, 300,
+                                 [&](FaultKind kind, int n) {
+                                     BitmapHandle src = copytest::make_filled(from, 19, 6, 4, 12);
+                                     const BitmapHandle before = src;
+                                     const std::vector<uint8_t> pixels = copytest::pixels(src);
+                                     BitmapHandle d{};
+                                     const int r = zktest::under_fault(kind, n, [&] { return op.run(&d, &src); });
+                                     if (r == ST_OK) {
+                                         if (!crop) Z_FreeBitmap(&d);
+                                     } else {
+                                         EXPECT_EQ(std::memcmp(&src, &before, sizeof src), 0);
+                                         EXPECT_FALSE(d.Flags & BF_ALLOCATED);
+                                     }
+                                     if (r != ST_OK || !crop) {
+                                         EXPECT_EQ(copytest::pixels(src), pixels);
+                                     }
+                                     Z_FreeBitmap(&src);
+                                     return r == ST_OK;
+                                 });
         }
     }
     EXPECT_TRUE(temp.files().empty());

@@ -58,28 +58,22 @@ TEST(ChangeHeight, FailureAtEveryStepKeepsTheRows) {
     zktest::PrivateTempDir temp;
     for (Kind kind : {Kind::Conventional, Kind::Global, Kind::TiledMemory, Kind::TiledDisk, Kind::Disk}) {
         for (int32_t h : {3, 14}) {
-            for (FaultKind fault : {FaultKind::Allocation, FaultKind::Mapping, FaultKind::File}) {
-                bool done = false;
-                for (int n = 1; !done && n < 100; ++n) {
-                    BitmapHandle b = copytest::make_filled(kind, 9, 9, 8, 61);
-                    std::vector<uint8_t> want = copytest::pixels(b);
-                    int32_t r;
-                    {
-                        zktest::FaultScope scope(fault, n);
-                        r = Z_ChangeBitmapHeight(&b, h);
-                    }
-                    SCOPED_TRACE(testing::Message() << copytest::name(kind) << " h " << h << " n " << n);
-                    if (r == ST_OK) {
-                        done = true;
-                        want.resize(static_cast<size_t>(h) * b.BytesPerLine, 0);
-                    } else {
-                        EXPECT_EQ(b.Height, 9);
-                    }
-                    EXPECT_EQ(copytest::pixels(b), want);
-                    Z_FreeBitmap(&b);
-                }
-                EXPECT_TRUE(done);
-            }
+            SCOPED_TRACE(testing::Message() << copytest::name(kind) << " h " << h);
+            zktest::sweep_faults({FaultKind::Allocation, FaultKind::Mapping, FaultKind::File}, 100,
+                                 [&](FaultKind fault, int n) {
+                                     BitmapHandle b = copytest::make_filled(kind, 9, 9, 8, 61);
+                                     std::vector<uint8_t> want = copytest::pixels(b);
+                                     const int32_t r =
+                                         zktest::under_fault(fault, n, [&] { return Z_ChangeBitmapHeight(&b, h); });
+                                     if (r == ST_OK) {
+                                         want.resize(static_cast<size_t>(h) * b.BytesPerLine, 0);
+                                     } else {
+                                         EXPECT_EQ(b.Height, 9);
+                                     }
+                                     EXPECT_EQ(copytest::pixels(b), want);
+                                     Z_FreeBitmap(&b);
+                                     return r == ST_OK;
+                                 });
         }
     }
 }
@@ -219,33 +213,28 @@ TEST(MemoryInfo, FailureAtEveryStepLeavesTheBitmapWhole) {
         {"to conventional", Kind::TiledDisk, TYPE_CONV, 0, 0, 1},
     };
     for (const Op& op : ops) {
-        for (FaultKind kind : {FaultKind::Allocation, FaultKind::Mapping, FaultKind::File}) {
-            bool done = false;
-            for (int n = 1; !done && n < 300; ++n) {
-                BitmapHandle b = copytest::make_filled(op.from, 21, 11, 16, 51);
-                const BitmapHandle before = b;
-                const std::vector<uint8_t> want = copytest::pixels(b);
-                const st::TileTable* t = st::tile_table(b);
-                const uint32_t mem_before = t ? t->MemTiles : 0;
-                int32_t r;
-                {
-                    zktest::FaultScope fault(kind, n);
-                    r = Z_SetBitmapMemoryInfo(&b, op.type, op.tile_rows * b.BytesPerLine, 0, op.mem, 1, 1, op.mask);
-                }
-                SCOPED_TRACE(testing::Message() << op.name << " kind " << int(kind) << " n " << n);
-                if (r == ST_OK) {
-                    done = true;
-                } else {
-                    EXPECT_EQ(std::memcmp(&b, &before, sizeof b), 0);
-                    if (t) {
-                        EXPECT_EQ(st::tile_table(b)->MemTiles, mem_before);
-                    }
-                }
-                EXPECT_EQ(copytest::pixels(b), want);
-                Z_FreeBitmap(&b);
-            }
-            EXPECT_TRUE(done) << op.name;
-        }
+        SCOPED_TRACE(op.name);
+        zktest::sweep_faults({FaultKind::Allocation, FaultKind::Mapping, FaultKind::File}, 300,
+                             [&](FaultKind kind, int n) {
+                                 BitmapHandle b = copytest::make_filled(op.from, 21, 11, 16, 51);
+                                 const BitmapHandle before = b;
+                                 const std::vector<uint8_t> want = copytest::pixels(b);
+                                 const st::TileTable* t = st::tile_table(b);
+                                 const uint32_t mem_before = t ? t->MemTiles : 0;
+                                 const int32_t r = zktest::under_fault(kind, n, [&] {
+                                     return Z_SetBitmapMemoryInfo(&b, op.type, op.tile_rows * b.BytesPerLine, 0,
+                                                                  op.mem, 1, 1, op.mask);
+                                 });
+                                 if (r != ST_OK) {
+                                     EXPECT_EQ(std::memcmp(&b, &before, sizeof b), 0);
+                                     if (t) {
+                                         EXPECT_EQ(st::tile_table(b)->MemTiles, mem_before);
+                                     }
+                                 }
+                                 EXPECT_EQ(copytest::pixels(b), want);
+                                 Z_FreeBitmap(&b);
+                                 return r == ST_OK;
+                             });
     }
 }
 
