@@ -442,25 +442,17 @@ TEST(Memory, FailedOrImpossibleAllocationsGiveNullAndKeepTheOldBlock) {
 // ---------------------------------------------------------------------------
 // Runtime wrappers.
 
-TEST(Runtime, WrappersPassThrough) {
+// The wrappers' own handling of null arguments; the rest is the C library's.
+TEST(Runtime, WrappersRefuseNullArguments) {
     char* end = nullptr;
     EXPECT_DOUBLE_EQ(Z_Strtod("2.5e3xyz", &end), 2500.0);
-    ASSERT_NE(end, nullptr);
     EXPECT_STREQ(end, "xyz");
-    EXPECT_DOUBLE_EQ(Z_Strtod("-0.125", nullptr), -0.125);
     end = reinterpret_cast<char*>(1);
     EXPECT_EQ(Z_Strtod(nullptr, &end), 0.0);
     EXPECT_EQ(end, nullptr);
-
-    char text[] = "a,bb;;ccc";
-    std::vector<std::string> tokens;
-    for (char* t = Z_Strtok(text, ",;"); t; t = Z_Strtok(nullptr, ",;")) tokens.emplace_back(t);
-    EXPECT_EQ(tokens, (std::vector<std::string>{"a", "bb", "ccc"}));
+    EXPECT_EQ(Z_Strtod(nullptr, nullptr), 0.0);
+    char text[] = "a,bb";
     EXPECT_EQ(Z_Strtok(text, nullptr), nullptr);
-
-    const char* now = Z_Setlocale(LC_NUMERIC, nullptr);
-    ASSERT_NE(now, nullptr);
-    EXPECT_STREQ(now, std::setlocale(LC_NUMERIC, nullptr));
+    EXPECT_STREQ(Z_Strtok(text, ","), "a");
     EXPECT_STREQ(Z_Setlocale(LC_NUMERIC, "C"), "C");
-    EXPECT_EQ(Z_Setlocale(LC_NUMERIC, "no-such-locale-zk"), nullptr);
 }

@@ -178,12 +178,11 @@ TEST_F(Rows, CountsRunOnIntoFollowingRowsAndAcrossTiles) {
         const uint32_t bpl = b.BytesPerLine;
         const std::vector<uint8_t> img = random_bytes(size_t{bpl} * 10, 5);
         ASSERT_EQ(Z_PutBitmapRow(&b, img.data(), 0, bpl * 10), int32_t(bpl * 10));
-        // Rows 0-2 in one call; then the last row of tile 0 with the first of tile 1.
-        std::vector<uint8_t> got(bpl * 3);
-        ASSERT_EQ(Z_GetBitmapRow(&b, got.data(), 0, bpl * 3), int32_t(bpl * 3));
-        EXPECT_TRUE(std::equal(got.begin(), got.end(), img.begin()));
+        // The last row of tile 0 with the first of tile 1 (whole images in one
+        // call are among the paths of the round trip above).
+        std::vector<uint8_t> got(bpl * 2);
         ASSERT_EQ(Z_GetBitmapRow(&b, got.data(), 2, bpl * 2), int32_t(bpl * 2));
-        EXPECT_TRUE(std::equal(got.begin(), got.begin() + bpl * 2, img.begin() + bpl * 2));
+        EXPECT_TRUE(std::equal(got.begin(), got.end(), img.begin() + bpl * 2));
         // From a column of row 8 to the end of the image.
         ASSERT_EQ(Z_GetBitmapRowCol(&b, got.data(), 8, 30, 2 * bpl - 90), int32_t(2 * bpl - 90));
         EXPECT_TRUE(std::equal(got.begin(), got.begin() + 2 * bpl - 90, img.begin() + 8 * bpl + 90));
