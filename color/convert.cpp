@@ -446,14 +446,7 @@ int32_t make_plan(const ConvertRequest& rq, Plan& plan, bool* same) {
         plan.level_bits = r.nb;
     }
 
-    // Palettized and 8-bit gray sources: the colour of each index.
-    if (sd <= 8) {
-        const RGBQUAD* pal = sd == 0 ? nullptr : rq.src_palette;
-        for (uint32_t i = 0; i < 256; ++i)
-            plan.colours[i] = pal && i < (1u << sd)
-                                  ? pal[i]
-                                  : RGBQUAD{static_cast<uint8_t>(i), static_cast<uint8_t>(i), static_cast<uint8_t>(i), 0};
-    }
+    if (sd >= 1 && sd <= 8) plan.src_palette = rq.src_palette;
 
     // Palettized destinations: the palette (the fixed one when none is given)
     // and, for sources with at most 256 levels, the index map.
@@ -510,7 +503,19 @@ int32_t convert_buffer(const ConvertRequest& request, ConvertPaths paths) {
     bool same = false;
     const int32_t status = make_plan(request, plan, &same);
     if (status != ST_OK || same) return status;
-    if (paths == ConvertPaths::WithFastPaths && run_fast_path(plan, request.buffer)) return ST_OK;
+    if (paths == ConvertPaths::WithFastPaths && avx512_kernels_usable() &&
+        run_fast_path_avx512(plan, request.buffer))
+        return ST_OK;
+    if (paths != ConvertPaths::GeneralOnly && run_fast_path(plan, request.buffer)) return ST_OK;
+    if (plan.src_depth <= 8) {
+        // The colour of each index: the source palette's for the indices the
+        // depth has, gray level i otherwise (and for 8-bit gray).
+        const uint32_t n = plan.src_palette ? 1u << plan.src_depth : 0;
+        for (uint32_t i = 0; i < 256; ++i) {
+            const auto v = static_cast<uint8_t>(i);
+            plan.colours[i] = i < n ? plan.src_palette[i] : RGBQUAD{v, v, v, 0};
+        }
+    }
     IndexMemo memo;
     if (palettized(plan.dst_depth) && !plan.use_map) {
         memo.prepare(plan.dst_palette, plan.dst_count);

@@ -32,7 +32,9 @@ struct ConvertRequest {
     uint32_t alpha_fill = 0xFFFF;  // low byte fills 8-bit alpha, the word 16-bit alpha
 };
 
-enum class ConvertPaths { WithFastPaths, GeneralOnly };
+// Which kernels a conversion may use: the fastest the processor runs, the
+// fast kernels built for the baseline instruction set only, or none.
+enum class ConvertPaths { WithFastPaths, PortableFastPaths, GeneralOnly };
 
 int32_t convert_buffer(const ConvertRequest& request, ConvertPaths paths = ConvertPaths::WithFastPaths);
 
@@ -62,7 +64,8 @@ struct Plan {
     uint32_t src_shift = 0, src_mask = 0, src_nb = 0;  // deep gray bit range
     const RGBQUAD* lut = nullptr;                      // deep gray LUT
     bool wide_gray = false;   // deep gray kept at 16 bits for 16-bit consumers
-    RGBQUAD colours[256] = {};  // palettized and 8-bit gray sources
+    const RGBQUAD* src_palette = nullptr;  // palettized sources; null: index i is gray i
+    RGBQUAD colours[256];  // the general path's colour of each index (filled for it)
 
     // Destination.
     bool dst_rgb = false;
@@ -76,7 +79,7 @@ struct Plan {
     const RGBQUAD* dst_palette = nullptr;  // never null for palettized destinations
     uint32_t dst_count = 0;
     bool use_map = false;                  // index through map
-    uint8_t map[256] = {};
+    uint8_t map[256];                      // filled when use_map
     IndexMemo* memo = nullptr;             // colour -> index cache
 };
 
@@ -92,6 +95,16 @@ struct IndexMemo {
 
 // Dedicated kernels for hot pairs; false when none serves the plan.
 bool run_fast_path(const Plan& plan, uint8_t* buffer);
+
+// The same kernels built for 512-bit vectors with byte permutes (x86 with
+// AVX-512 BW, VBMI and VNNI); run only when avx512_kernels_usable().
+#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#define ZK_AVX512_KERNELS 1
+#else
+#define ZK_AVX512_KERNELS 0
+#endif
+bool avx512_kernels_usable();
+bool run_fast_path_avx512(const Plan& plan, uint8_t* buffer);
 
 constexpr uint32_t gray8(uint32_t r, uint32_t g, uint32_t b) { return (2 * r + 5 * g + b + 4) >> 3; }
 

@@ -315,9 +315,11 @@ ZK_KERNEL void convert_pal8_to_bgr24(uint8_t* row, uint32_t width, const RGBQUAD
     // Each index's three bytes, laid out once.
     uint8_t table[256][4];
     for (uint32_t i = 0; i < 256; ++i) {
-        table[i][0] = RedFirst ? colours[i].rgbRed : colours[i].rgbBlue;
-        table[i][1] = colours[i].rgbGreen;
-        table[i][2] = RedFirst ? colours[i].rgbBlue : colours[i].rgbRed;
+        const auto v = static_cast<uint8_t>(i);
+        const RGBQUAD c = colours ? colours[i] : RGBQUAD{v, v, v, 0};  // no palette: gray level i
+        table[i][0] = RedFirst ? c.rgbRed : c.rgbBlue;
+        table[i][1] = c.rgbGreen;
+        table[i][2] = RedFirst ? c.rgbBlue : c.rgbRed;
         table[i][3] = 0;
     }
     by_blocks<1, 3>(row, width, [&table](const uint8_t* s, uint8_t* d, uint32_t n) {
@@ -360,8 +362,8 @@ ZK_TARGET_CLONES bool run_fast_path(const Plan& plan, uint8_t* row) {
             swap ? convert_bgr48_to_bgr24<true>(row, w) : convert_bgr48_to_bgr24<false>(row, w);
             return true;
         case 824:
-            plan.dst_rgb ? convert_pal8_to_bgr24<true>(row, w, plan.colours)
-                         : convert_pal8_to_bgr24<false>(row, w, plan.colours);
+            plan.dst_rgb ? convert_pal8_to_bgr24<true>(row, w, plan.src_palette)
+                         : convert_pal8_to_bgr24<false>(row, w, plan.src_palette);
             return true;
         default:
             return false;

@@ -566,42 +566,100 @@ TEST(ConvertAltSpace, FormulasOverRandomPixels) {
 }
 
 // Each fast path gives the general path's bytes on random rows of many
-// widths, in every order combination it serves.
+// widths, in every order combination it serves, with the fastest kernels
+// the processor runs and with the baseline-only ones.
+struct FastPair {
+    int32_t src;
+    uint32_t dst;
+};
+constexpr FastPair kFastPairs[] = {{24, 24}, {24, 32}, {32, 24}, {24, 0}, {24, 16}, {16, 24}, {48, 24}, {8, 24}};
+constexpr zk::ConvertPaths kFastTiers[] = {zk::ConvertPaths::WithFastPaths, zk::ConvertPaths::PortableFastPaths};
+
+std::vector<RGBQUAD> fast_test_palette() {
+    std::vector<RGBQUAD> pal(256);
+    for (int i = 0; i < 256; ++i) pal[i] = rgb(i ^ 0x5A, (i * 3) & 255, 255 - i);
+    return pal;
+}
+
 TEST(ConvertFastPaths, MatchTheGeneralPath) {
     // Every width to 20, then around vector groups and the 512-pixel blocks.
     std::vector<int> kWidths;
     for (int w = 1; w <= 20; ++w) kWidths.push_back(w);
-    for (int w : {31, 57, 94, 131, 511, 512, 513, 1100}) kWidths.push_back(w);
-    struct Pair {
-        int32_t src;
-        uint32_t dst;
-    } pairs[] = {{24, 24}, {24, 32}, {32, 24}, {24, 0}, {24, 16}, {16, 24}, {48, 24}, {8, 24}};
-    std::vector<RGBQUAD> pal(256);
-    for (int i = 0; i < 256; ++i) pal[i] = rgb(i ^ 0x5A, (i * 3) & 255, 255 - i);
-    for (const auto& p : pairs)
-        for (uint32_t so : {CO_RGB, CO_BGR})
-            for (uint32_t dor : {CO_RGB, CO_BGR})
-                for (uint32_t flags : {0u, CVT_OPAQUE_ALPHA})
-                    for (int width : kWidths) {
-                        const int32_t sbits = p.src == 0 ? 8 : p.src;
-                        const size_t size = static_cast<size_t>(Z_CalcConvertSize(width, sbits, width, p.dst));
-                        Bytes row = zktest::random_bytes(size, static_cast<uint32_t>(width * 131 + p.src));
-                        zk::ConvertRequest rq;
-                        rq.width = width;
-                        rq.src_bits = p.src;
-                        rq.dst_bits = p.dst;
-                        rq.src_order = static_cast<int32_t>(so);
-                        rq.dst_order = dor;
-                        rq.src_palette = pal.data();
-                        rq.flags = flags;
-                        Bytes fast = row, general = row;
-                        rq.buffer = fast.data();
-                        ASSERT_EQ(zk::convert_buffer(rq, zk::ConvertPaths::WithFastPaths), ST_OK);
-                        rq.buffer = general.data();
-                        ASSERT_EQ(zk::convert_buffer(rq, zk::ConvertPaths::GeneralOnly), ST_OK);
-                        ASSERT_EQ(fast, general)
-                            << p.src << " -> " << p.dst << " orders " << so << "/" << dor << " width " << width;
+    for (int w : {21, 31, 32, 33, 42, 57, 63, 64, 65, 94, 127, 128, 129, 131, 191, 192, 193, 511, 512, 513, 1100})
+        kWidths.push_back(w);
+    const std::vector<RGBQUAD> pal = fast_test_palette();
+    for (const auto tier : kFastTiers)
+        for (const auto& p : kFastPairs)
+            for (uint32_t so : {CO_RGB, CO_BGR})
+                for (uint32_t dor : {CO_RGB, CO_BGR})
+                    for (uint32_t flags : {0u, CVT_OPAQUE_ALPHA})
+                        for (const RGBQUAD* src_pal : {pal.data(), static_cast<const RGBQUAD*>(nullptr)})
+                            for (int width : kWidths) {
+                                if (p.src != 8 && !src_pal) continue;
+                                const int32_t sbits = p.src == 0 ? 8 : p.src;
+                                const size_t size = static_cast<size_t>(Z_CalcConvertSize(width, sbits, width, p.dst));
+                                Bytes row = zktest::random_bytes(size, static_cast<uint32_t>(width * 131 + p.src));
+                                zk::ConvertRequest rq;
+                                rq.width = width;
+                                rq.src_bits = p.src;
+                                rq.dst_bits = p.dst;
+                                rq.src_order = static_cast<int32_t>(so);
+                                rq.dst_order = dor;
+                                rq.src_palette = src_pal;
+                                rq.flags = flags;
+                                Bytes fast = row, general = row;
+                                rq.buffer = fast.data();
+                                ASSERT_EQ(zk::convert_buffer(rq, tier), ST_OK);
+                                rq.buffer = general.data();
+                                ASSERT_EQ(zk::convert_buffer(rq, zk::ConvertPaths::GeneralOnly), ST_OK);
+                                ASSERT_EQ(fast, general) << p.src << " -> " << p.dst << " orders " << so << "/" << dor
+                                                         << " width " << width << " tier " << static_cast<int>(tier);
+                            }
+}
+
+// The kernels place their vector groups by the row's address: a row at every
+// offset from a 64-byte boundary gives the general path's bytes and leaves
+// the bytes around the conversion buffer alone.
+TEST(ConvertFastPaths, EveryRowAlignment) {
+    const std::vector<RGBQUAD> pal = fast_test_palette();
+    constexpr size_t kGuard = 80;
+    for (const auto& p : kFastPairs)
+        for (uint32_t dor : {CO_RGB, CO_BGR})
+            for (int width : {1, 5, 16, 17, 21, 22, 63, 64, 65, 100, 129, 200, 333})
+                for (size_t offset = 0; offset < 64; ++offset) {
+                    const int32_t sbits = p.src == 0 ? 8 : p.src;
+                    const size_t size = static_cast<size_t>(Z_CalcConvertSize(width, sbits, width, p.dst));
+                    const Bytes row = zktest::random_bytes(size, static_cast<uint32_t>(width * 7 + offset));
+                    // The row at `offset` from a 64-byte boundary, at least
+                    // kGuard bytes inside an area of guard bytes.
+                    Bytes area(size + 256 + kGuard, 0xC3);
+                    const auto base = reinterpret_cast<uintptr_t>(area.data());
+                    const size_t start = (64 - base % 64) % 64 + 128 + offset;
+                    ASSERT_EQ((base + start) % 64, offset);
+                    std::copy(row.begin(), row.end(), area.begin() + static_cast<long>(start));
+                    Bytes general = row;
+                    zk::ConvertRequest rq;
+                    rq.width = width;
+                    rq.src_bits = p.src;
+                    rq.dst_bits = p.dst;
+                    rq.src_order = CO_BGR;
+                    rq.dst_order = dor;
+                    rq.src_palette = pal.data();
+                    rq.buffer = general.data();
+                    ASSERT_EQ(zk::convert_buffer(rq, zk::ConvertPaths::GeneralOnly), ST_OK);
+                    rq.buffer = area.data() + start;
+                    ASSERT_EQ(zk::convert_buffer(rq), ST_OK);
+                    const std::string what = std::to_string(p.src) + " -> " + std::to_string(p.dst) + " width " +
+                                             std::to_string(width) + " offset " + std::to_string(offset);
+                    ASSERT_EQ(Bytes(area.begin() + static_cast<long>(start),
+                                    area.begin() + static_cast<long>(start + size)),
+                              general)
+                        << what;
+                    for (size_t i = 0; i < area.size(); ++i) {
+                        if (i >= start && i < start + size) continue;
+                        ASSERT_EQ(area[i], 0xC3) << what << " byte " << i;
                     }
+                }
 }
 
 }  // namespace

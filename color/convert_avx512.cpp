@@ -1,0 +1,457 @@
+// The hot-pair kernels built for processors with 512-bit vectors and byte
+// permutes (AVX-512 BW, VBMI and VNNI). A byte permute picks any byte of two
+// 64-byte registers, so a group of 3-byte pixels is reordered, narrowed or
+// widened by one instruction per output register; the arithmetic of the
+// packed formats runs on 16-bit lanes. Each kernel gives the same bytes as
+// the general path (a test holds both tiers of fast kernels to it).
+//
+// Groups are placed so that their destination starts on a 64-byte boundary
+// (a store across two cache lines costs about twice an aligned one); the
+// pixels before the first such group and after the last are partial groups,
+// the same code with byte masks so that no access leaves the row. A group
+// loads everything it reads before it stores, and groups run forwards when
+// the destination pixel is not larger than the source pixel, backwards
+// otherwise, so that a store never reaches bytes still to be read.
+#include "color/convert.h"
+
+#if ZK_AVX512_KERNELS
+// The intrinsics start some results from a deliberately undefined register,
+// which g++ 12 reports as a possibly uninitialised use.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#include <immintrin.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace zk {
+namespace {
+
+// Pixel index of the first group whose destination starts on a 64-byte
+// boundary (0 when no pixel boundary can be aligned).
+uint32_t aligned_start(const uint8_t* row, uint32_t dst_bytes) {
+    const auto gap = static_cast<uint32_t>(0u - static_cast<uint32_t>(reinterpret_cast<uintptr_t>(row))) & 63;
+    switch (dst_bytes) {
+        case 1: return gap;
+        case 2: return gap % 2 ? 0 : gap / 2;
+        case 3: return (gap * 43) & 63;  // 43 is the inverse of 3 modulo 64
+        default: return gap % 4 ? 0 : gap / 4;
+    }
+}
+
+struct alignas(64) Index {
+    uint8_t b[64];
+};
+
+// A permute control from its rule for output byte j.
+template <typename F>
+constexpr Index make_index(F rule) {
+    Index r{};
+    for (int j = 0; j < 64; ++j) r.b[j] = static_cast<uint8_t>(rule(j));
+    return r;
+}
+
+// Group bodies are inlined into the loops (a call per group would reload
+// the constants and clear the upper register state each time).
+#define ZK_GROUP __attribute__((always_inline))
+
+constexpr __mmask64 kEvenBytes = 0x5555555555555555ull;
+constexpr __mmask64 kOddBytes = 0xAAAAAAAAAAAAAAAAull;
+
+}  // namespace
+}  // namespace zk
+
+// Everything from here to the matching pop is built for the wide vectors;
+// it runs only after avx512_kernels_usable().
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("avx512f,avx512bw,avx512vbmi,avx512vnni"))), apply_to = function)
+#else
+#pragma GCC push_options
+#pragma GCC target("avx512f,avx512bw,avx512vbmi,avx512vnni")
+#endif
+
+namespace zk {
+namespace {
+
+// Calls group(first pixel, count) over the row in groups of G pixels whose
+// boundaries lie at `start` modulo G: forwards, or backwards from the end.
+template <uint32_t G, typename Group>
+inline void forwards(uint32_t width, uint32_t start, Group group) {
+    uint32_t i = start < width ? start : width;
+    if (i) group(0, i);
+    for (; i + G <= width; i += G) group(i, G);
+    if (i < width) group(i, width - i);
+}
+
+template <uint32_t G, typename Group>
+inline void backwards(uint32_t width, uint32_t start, Group group) {
+    const uint32_t head = start < width ? start : width;
+    uint32_t end = width;
+    if (const uint32_t top = (width - head) % G) {
+        end -= top;
+        group(end, top);
+    }
+    for (; end >= head + G; end -= G) group(end - G, G);
+    if (head) group(0, head);
+}
+
+inline __m512i load(const Index& i) { return _mm512_load_si512(i.b); }
+
+// The first n bytes of a 64-byte register (n may exceed 64).
+inline __mmask64 first_bytes(size_t n) { return n >= 64 ? ~__mmask64{0} : (__mmask64{1} << n) - 1; }
+
+// Up to 64 bytes from byte `at` of an area of `size` bytes; zero past it.
+inline __m512i load_in(const uint8_t* base, size_t at, size_t size) {
+    if (at >= size) return _mm512_setzero_si512();
+    if (size - at >= 64) return _mm512_loadu_si512(base + at);
+    return _mm512_maskz_loadu_epi8(first_bytes(size - at), base + at);
+}
+
+inline void store_in(uint8_t* base, size_t at, size_t size, __m512i v) {
+    if (at >= size) return;
+    if (size - at >= 64)
+        _mm512_storeu_si512(base + at, v);
+    else
+        _mm512_mask_storeu_epi8(base + at, first_bytes(size - at), v);
+}
+
+// Output register K of a 3-byte destination group covers output bytes
+// 64K..64K+63; `source` gives the source byte of output byte q, counted from
+// the start of the two registers the permute reads (`base`).
+template <int K, int Base, typename F>
+constexpr Index window_index(F source) {
+    return make_index([source](int j) { return source(64 * K + j) - Base; });
+}
+
+// ---------------------------------------------------------------------------
+// 24-bit order swap: 64 pixels (three registers) per group, forwards.
+constexpr int swapped(int q) { return q - q % 3 + 2 - q % 3; }
+
+void swap_bgr24(uint8_t* row, uint32_t width) {
+    static constexpr Index k0 = window_index<0, 0>(swapped), k1 = window_index<1, 62>(swapped),
+                           k2 = window_index<2, 64>(swapped);
+    forwards<64>(width, aligned_start(row, 3), [row](uint32_t i, uint32_t n) ZK_GROUP {
+        uint8_t* p = row + 3 * size_t{i};
+        const size_t bytes = 3 * size_t{n};
+        const __m512i a = load_in(p, 0, bytes), b = load_in(p, 64, bytes), c = load_in(p, 128, bytes),
+                      u = load_in(p, 62, bytes), v = load_in(p, 126, bytes);
+        store_in(p, 0, bytes, _mm512_permutex2var_epi8(a, load(k0), b));
+        store_in(p, 64, bytes, _mm512_permutex2var_epi8(u, load(k1), v));
+        store_in(p, 128, bytes, _mm512_permutex2var_epi8(b, load(k2), c));
+    });
+}
+
+// 24 -> 32 bits: 16 pixels per group, backwards; byte 3 from the alpha register.
+template <bool Swap>
+void bgr24_to_bgr32(uint8_t* row, uint32_t width, uint8_t alpha) {
+    static constexpr Index kWiden = make_index([](int j) {
+        const int p = j / 4, c = j % 4;
+        return c == 3 ? 64 : 3 * p + (Swap ? 2 - c : c);
+    });
+    const __m512i a = _mm512_set1_epi8(static_cast<char>(alpha));
+    backwards<16>(width, aligned_start(row, 4), [row, a](uint32_t i, uint32_t n) ZK_GROUP {
+        // A whole group reads 64 bytes from 3i, all below its own stores.
+        const __m512i v = load_in(row + 3 * size_t{i}, 0, n == 16 ? 64 : 3 * size_t{n});
+        store_in(row + 4 * size_t{i}, 0, 4 * size_t{n}, _mm512_permutex2var_epi8(v, load(kWiden), a));
+    });
+}
+
+// 32 -> 24 bits: 64 pixels per group, forwards.
+template <bool Swap>
+void bgr32_to_bgr24(uint8_t* row, uint32_t width) {
+    constexpr auto source = [](int q) { return 4 * (q / 3) + (Swap ? 2 - q % 3 : q % 3); };
+    static constexpr Index k0 = window_index<0, 0>(source), k1 = window_index<1, 64>(source),
+                           k2 = window_index<2, 128>(source);
+    forwards<64>(width, aligned_start(row, 3), [row](uint32_t i, uint32_t n) ZK_GROUP {
+        const uint8_t* s = row + 4 * size_t{i};
+        uint8_t* d = row + 3 * size_t{i};
+        const size_t in = 4 * size_t{n}, out = 3 * size_t{n};
+        const __m512i s0 = load_in(s, 0, in), s1 = load_in(s, 64, in), s2 = load_in(s, 128, in),
+                      s3 = load_in(s, 192, in);
+        store_in(d, 0, out, _mm512_permutex2var_epi8(s0, load(k0), s1));
+        store_in(d, 64, out, _mm512_permutex2var_epi8(s1, load(k1), s2));
+        store_in(d, 128, out, _mm512_permutex2var_epi8(s2, load(k2), s3));
+    });
+}
+
+// 48 -> 24 bits, the high byte of each channel: 64 pixels per group,
+// forwards. The high bytes are gathered in source order; where red and blue
+// change places that order is swapped in the registers (a swapped output
+// register reads source bytes 131 apart, more than one permute sees).
+template <bool Swap>
+void bgr48_to_bgr24(uint8_t* row, uint32_t width) {
+    constexpr auto high = [](int q) { return 2 * q + 1; };
+    static constexpr Index k0 = window_index<0, 0>(high), k1 = window_index<1, 128>(high),
+                           k2 = window_index<2, 256>(high);
+    static constexpr Index s0 = window_index<0, 0>(swapped), s1 = window_index<1, 0>(swapped),
+                           s1_last = window_index<1, 128>(swapped), s2 = window_index<2, 64>(swapped);
+    forwards<64>(width, aligned_start(row, 3), [row](uint32_t i, uint32_t n) ZK_GROUP {
+        const uint8_t* s = row + 6 * size_t{i};
+        uint8_t* d = row + 3 * size_t{i};
+        const size_t in = 6 * size_t{n}, out = 3 * size_t{n};
+        __m512i r[6];
+        for (int k = 0; k < 6; ++k) r[k] = load_in(s, 64 * size_t(k), in);
+        __m512i h0 = _mm512_permutex2var_epi8(r[0], load(k0), r[1]);
+        __m512i h1 = _mm512_permutex2var_epi8(r[2], load(k1), r[3]);
+        __m512i h2 = _mm512_permutex2var_epi8(r[4], load(k2), r[5]);
+        if constexpr (Swap) {
+            // Output register 1 takes byte 63 from h0 and byte 128 from h2.
+            const __m512i o1 = _mm512_mask_permutexvar_epi8(_mm512_permutex2var_epi8(h0, load(s1), h1),
+                                                            __mmask64{1} << 62, load(s1_last), h2);
+            h0 = _mm512_permutex2var_epi8(h0, load(s0), h1);
+            h2 = _mm512_permutex2var_epi8(h1, load(s2), h2);
+            h1 = o1;
+        }
+        store_in(d, 0, out, h0);
+        store_in(d, 64, out, h1);
+        store_in(d, 128, out, h2);
+    });
+}
+
+// 24 bits -> 8-bit gray, 64 pixels per group, forwards. Sixteen pixels at
+// a time are permuted into 32-bit lanes (channel 0, 1, 2, 0) and one dot
+// product of bytes per lane gives 4 + 2R + 5G + B (below 2^11). The four
+// registers of a group, each shifted so that its gray level (bits 3-10)
+// lands in its own byte of the lane, are merged by bitwise selects: lane k
+// then holds pixels k, 16 + k, 32 + k, 48 + k, which a last permute puts in
+// order.
+template <bool RedFirst>
+inline __m512i gray_lanes(const uint8_t* s, size_t at, size_t in) {
+    static constexpr Index kExpand = make_index([](int j) { return j % 4 == 3 ? 0 : 3 * (j / 4) + j % 4; });
+    // Weights of channel bytes 0, 1, 2 and of the repeated byte 0.
+    constexpr int32_t kWeights = RedFirst ? 0x00010502 : 0x00020501;
+    return _mm512_dpbusd_epi32(_mm512_set1_epi32(4), _mm512_permutexvar_epi8(load(kExpand), load_in(s, at, in)),
+                               _mm512_set1_epi32(kWeights));
+}
+
+template <bool RedFirst>
+void bgr24_to_gray8(uint8_t* row, uint32_t width) {
+    static constexpr Index kOrder = make_index([](int j) { return 4 * (j % 16) + j / 16; });
+    forwards<64>(width, aligned_start(row, 1), [row](uint32_t i, uint32_t n) ZK_GROUP {
+        const uint8_t* s = row + 3 * size_t{i};
+        const size_t in = 3 * size_t{n};
+        const __m512i v0 = gray_lanes<RedFirst>(s, 0, in), v1 = gray_lanes<RedFirst>(s, 48, in),
+                      v2 = gray_lanes<RedFirst>(s, 96, in), v3 = gray_lanes<RedFirst>(s, 144, in);
+        // v >> 3 in byte 0, v << 5 in byte 1, v << 13 in byte 2, v << 21 in byte 3.
+        const __m512i b01 = _mm512_ternarylogic_epi32(_mm512_set1_epi32(0x000000FF), _mm512_srli_epi32(v0, 3),
+                                                      _mm512_slli_epi32(v1, 5), 0xCA);
+        const __m512i b23 = _mm512_ternarylogic_epi32(_mm512_set1_epi32(0x00FF0000), _mm512_slli_epi32(v2, 13),
+                                                      _mm512_slli_epi32(v3, 21), 0xCA);
+        const __m512i lanes = _mm512_ternarylogic_epi32(_mm512_set1_epi32(0x0000FFFF), b01, b23, 0xCA);
+        store_in(row + i, 0, n, _mm512_permutexvar_epi8(load(kOrder), lanes));
+    });
+}
+
+// 24 -> 16 bits 5-5-5, 64 pixels per group, forwards. Lanes hold (low-field
+// channel, green) and (0, high-field channel); shifts put each channel's top
+// five bits in place and two bitwise selects merge them.
+template <bool Swap, int Base>
+inline __m512i bgr555_words(__m512i a, __m512i b) {
+    // Without Swap byte 0 of a pixel goes to bits 0-4 and byte 2 to 10-14.
+    constexpr int kLow = Swap ? 2 : 0, kHigh = Swap ? 0 : 2;
+    static constexpr Index kLowGreen = make_index([](int j) { return Base + 3 * (j / 2) + (j % 2 == 0 ? kLow : 1); });
+    static constexpr Index kHighField = make_index([](int j) { return Base + 3 * (j / 2) + kHigh; });
+    const __m512i lg = _mm512_permutex2var_epi8(a, load(kLowGreen), b);
+    const __m512i hi = _mm512_maskz_permutex2var_epi8(kOddBytes, a, load(kHighField), b);
+    // Bits 0-4 from lg >> 3, bits 5-9 from lg >> 6 (whose bits 10-15 are 0),
+    // then bits 10-14 from hi >> 1.
+    const __m512i low_mid = _mm512_ternarylogic_epi32(_mm512_set1_epi16(0x001F), _mm512_srli_epi16(lg, 3),
+                                                      _mm512_srli_epi16(lg, 6), 0xCA);
+    return _mm512_ternarylogic_epi32(low_mid, _mm512_srli_epi16(hi, 1), _mm512_set1_epi16(0x7C00), 0xF8);
+}
+
+template <bool Swap>
+void bgr24_to_bgr555(uint8_t* row, uint32_t width) {
+    forwards<64>(width, aligned_start(row, 2), [row](uint32_t i, uint32_t n) ZK_GROUP {
+        const uint8_t* s = row + 3 * size_t{i};
+        uint8_t* d = row + 2 * size_t{i};
+        const size_t in = 3 * size_t{n}, out = 2 * size_t{n};
+        const __m512i a = load_in(s, 0, in), b = load_in(s, 64, in), c = load_in(s, 128, in);
+        const __m512i w0 = bgr555_words<Swap, 0>(a, b), w1 = bgr555_words<Swap, 32>(b, c);
+        store_in(d, 0, out, w0);
+        store_in(d, 64, out, w1);
+    });
+}
+
+// 16 bits 5-5-5 -> 24, 64 pixels per group, backwards. A 64-entry byte table
+// widens a 5-bit channel ((v << 3) | (v >> 2); the sixth index bit is
+// ignored by doubling the table), looked up with the channel in the low bits
+// of the even bytes (bits 0-4, 10-14 of the pixel) or of the odd bytes
+// (green, bits 5-9). Output register K is made from the 32 pixels from
+// pixel kWindow[K], which hold all of its pixels.
+constexpr int kWindow[3] = {0, 21, 32};
+
+template <int K>
+constexpr Index bgr555_out() {
+    // Channels 0 and 1 from the even and odd bytes of x, channel 2 from the
+    // even bytes of y.
+    return make_index([](int j) {
+        const int q = 64 * K + j, l = q / 3 - kWindow[K], c = q % 3;
+        return c == 2 ? 64 + 2 * l : 2 * l + c;
+    });
+}
+
+template <bool Swap, int K>
+inline __m512i bgr555_to_bgr24_part(const uint8_t* s, size_t in) {
+    static constexpr Index kWiden = make_index([](int j) { return (j & 31) << 3 | (j & 31) >> 2; });
+    static constexpr Index kOut = bgr555_out<K>();
+    const __m512i widen = load(kWiden);
+    const __m512i w = load_in(s, 2 * kWindow[K], in);
+    const __m512i low = _mm512_permutexvar_epi8(w, widen);
+    const __m512i high = _mm512_permutexvar_epi8(_mm512_srli_epi16(w, 10), widen);
+    const __m512i x = _mm512_mask_permutexvar_epi8(Swap ? high : low, kOddBytes, _mm512_slli_epi16(w, 3), widen);
+    return _mm512_permutex2var_epi8(x, load(kOut), Swap ? low : high);
+}
+
+template <bool Swap>
+void bgr555_to_bgr24(uint8_t* row, uint32_t width) {
+    backwards<64>(width, aligned_start(row, 3), [row](uint32_t i, uint32_t n) ZK_GROUP {
+        const uint8_t* s = row + 2 * size_t{i};
+        uint8_t* d = row + 3 * size_t{i};
+        const size_t in = 2 * size_t{n}, out = 3 * size_t{n};
+        const __m512i o0 = bgr555_to_bgr24_part<Swap, 0>(s, in), o1 = bgr555_to_bgr24_part<Swap, 1>(s, in),
+                      o2 = bgr555_to_bgr24_part<Swap, 2>(s, in);
+        store_in(d, 0, out, o0);
+        store_in(d, 64, out, o1);
+        store_in(d, 128, out, o2);
+    });
+}
+
+// 8-bit palettized -> 24 bits, 64 pixels per group, backwards. Each output
+// channel of the 256 colours is a 256-byte table in four registers; an index
+// looks up both halves (its low seven bits) and its top bit chooses.
+struct ChannelTables {
+    __m512i t[3][4];  // output byte 0, 1, 2
+};
+
+void channel_tables(const RGBQUAD* colours, bool red_first, ChannelTables& out) {
+    for (int k = 0; k < 3; ++k) {
+        // Byte offset of the channel in an RGBQUAD (blue, green, red, reserved).
+        const int c = k == 1 ? 1 : ((k == 0) == red_first ? 2 : 0);
+        alignas(64) uint8_t pick[64];
+        for (int j = 0; j < 64; ++j) pick[j] = static_cast<uint8_t>(4 * (j & 31) + c);
+        const __m512i sel = _mm512_load_si512(pick);
+        for (int q = 0; q < 4; ++q) {
+            if (!colours) {  // index i is gray level i
+                alignas(64) uint8_t ramp[64];
+                for (int j = 0; j < 64; ++j) ramp[j] = static_cast<uint8_t>(64 * q + j);
+                out.t[k][q] = _mm512_load_si512(ramp);
+                continue;
+            }
+            const auto* e = reinterpret_cast<const uint8_t*>(colours + 64 * q);
+            const __m512i lo = _mm512_permutex2var_epi8(_mm512_loadu_si512(e), sel, _mm512_loadu_si512(e + 64));
+            const __m512i hi =
+                _mm512_permutex2var_epi8(_mm512_loadu_si512(e + 128), sel, _mm512_loadu_si512(e + 192));
+            out.t[k][q] = _mm512_inserti64x4(lo, _mm512_castsi512_si256(hi), 1);
+        }
+    }
+}
+
+inline __m512i look_up(const __m512i* t, __m512i index, __mmask64 upper) {
+    return _mm512_mask_blend_epi8(upper, _mm512_permutex2var_epi8(t[0], index, t[1]),
+                                  _mm512_permutex2var_epi8(t[2], index, t[3]));
+}
+
+template <int K>
+constexpr __mmask64 third_channel() {
+    __mmask64 m = 0;
+    for (int j = 0; j < 64; ++j)
+        if ((64 * K + j) % 3 == 2) m |= __mmask64{1} << j;
+    return m;
+}
+
+// Output register K of a group from its three channel registers.
+template <int K>
+inline __m512i interleave(__m512i c0, __m512i c1, __m512i c2) {
+    static constexpr Index kTwo = make_index([](int j) {
+        const int q = 64 * K + j;
+        return q % 3 == 1 ? 64 + q / 3 : q / 3;
+    });
+    static constexpr Index kThird = make_index([](int j) { return (64 * K + j) / 3; });
+    const __m512i two = _mm512_permutex2var_epi8(c0, load(kTwo), c1);
+    return _mm512_mask_permutexvar_epi8(two, third_channel<K>(), load(kThird), c2);
+}
+
+void pal8_to_bgr24(uint8_t* row, uint32_t width, const RGBQUAD* colours, bool red_first) {
+    ChannelTables tables;
+    channel_tables(colours, red_first, tables);
+    backwards<64>(width, aligned_start(row, 3), [row, &tables](uint32_t i, uint32_t n) ZK_GROUP {
+        const __m512i index = load_in(row + i, 0, n);
+        const __mmask64 upper = _mm512_movepi8_mask(index);
+        const __m512i c0 = look_up(tables.t[0], index, upper), c1 = look_up(tables.t[1], index, upper),
+                      c2 = look_up(tables.t[2], index, upper);
+        uint8_t* d = row + 3 * size_t{i};
+        const size_t out = 3 * size_t{n};
+        store_in(d, 0, out, interleave<0>(c0, c1, c2));
+        store_in(d, 64, out, interleave<1>(c0, c1, c2));
+        store_in(d, 128, out, interleave<2>(c0, c1, c2));
+    });
+}
+
+}  // namespace
+
+bool run_fast_path_avx512(const Plan& plan, uint8_t* row) {
+    if (plan.src_alt || plan.dst_alt) return false;
+    const bool swap = plan.src_rgb != plan.dst_rgb;
+    const uint32_t w = plan.width;
+    switch (plan.src_depth * 100 + plan.dst_depth) {
+        case 2424:
+            if (swap) swap_bgr24(row, w);
+            return true;
+        case 2432:
+            swap ? bgr24_to_bgr32<true>(row, w, plan.alpha8) : bgr24_to_bgr32<false>(row, w, plan.alpha8);
+            return true;
+        case 3224:
+            swap ? bgr32_to_bgr24<true>(row, w) : bgr32_to_bgr24<false>(row, w);
+            return true;
+        case 4824:
+            swap ? bgr48_to_bgr24<true>(row, w) : bgr48_to_bgr24<false>(row, w);
+            return true;
+        case 2400:
+            plan.src_rgb ? bgr24_to_gray8<true>(row, w) : bgr24_to_gray8<false>(row, w);
+            return true;
+        case 2416:
+            if (plan.dst_gray16) return false;
+            swap ? bgr24_to_bgr555<true>(row, w) : bgr24_to_bgr555<false>(row, w);
+            return true;
+        case 1624:
+            if (plan.src_gray16) return false;
+            swap ? bgr555_to_bgr24<true>(row, w) : bgr555_to_bgr24<false>(row, w);
+            return true;
+        case 824:
+            pal8_to_bgr24(row, w, plan.src_palette, plan.dst_rgb);
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace zk
+
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
+#pragma GCC pop_options
+#endif
+
+namespace zk {
+
+bool avx512_kernels_usable() {
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+           __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vnni");
+}
+
+}  // namespace zk
+
+#pragma GCC diagnostic pop
+
+#else
+
+namespace zk {
+bool avx512_kernels_usable() { return false; }
+bool run_fast_path_avx512(const Plan&, uint8_t*) { return false; }
+}  // namespace zk
+
+#endif
