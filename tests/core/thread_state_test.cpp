@@ -236,44 +236,36 @@ TEST(ThreadSlots, ThousandTwentyFourRules) {
     EXPECT_EQ(Z_TlsFree(0), 0);
 }
 
-TEST(ThreadSlots, ValuesArePerThread) {
-    const uint32_t a = Z_TlsAlloc();
-    const uint32_t b = Z_TlsAlloc();
-    ASSERT_NE(a, Z_TLS_OUT_OF_INDEXES);
-    ASSERT_NE(b, Z_TLS_OUT_OF_INDEXES);
-    int x = 0, y = 0;
-    ASSERT_EQ(Z_TlsSetValue(a, &x), 1);
-    ASSERT_EQ(Z_TlsSetValue(b, &y), 1);
-    void* seen_a = &x;
-    void* seen_b = &x;
-    std::thread([&] {
-        seen_a = Z_TlsGetValue(a);
-        Z_TlsSetValue(b, &x);
-        seen_b = Z_TlsGetValue(b);
-    }).join();
-    EXPECT_EQ(seen_a, nullptr);
-    EXPECT_EQ(seen_b, &x);
-    EXPECT_EQ(Z_TlsGetValue(a), &x);
-    EXPECT_EQ(Z_TlsGetValue(b), &y);
-    EXPECT_EQ(Z_TlsFree(b), 1);
-    EXPECT_EQ(Z_TlsFree(a), 1);
-}
-
-TEST(ThreadSlots, ConcurrentAllocationHandsOutDistinctSlots) {
+// Threads allocating at once get distinct slots; a slot's value is per thread.
+TEST(ThreadSlots, ConcurrentAllocationHandsOutDistinctSlotsWithPerThreadValues) {
+    const uint32_t shared = Z_TlsAlloc();
+    ASSERT_NE(shared, Z_TLS_OUT_OF_INDEXES);
+    int mine = 0;
+    ASSERT_EQ(Z_TlsSetValue(shared, &mine), 1);
     std::vector<uint32_t> got[4];
+    void* seen_first[4] = {};
+    bool own_value_kept[4] = {};
     std::vector<std::thread> threads;
-    for (auto& g : got)
-        threads.emplace_back([&g] {
-            for (int i = 0; i < 200; ++i) g.push_back(Z_TlsAlloc());
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            seen_first[t] = Z_TlsGetValue(shared);
+            Z_TlsSetValue(shared, &got[t]);
+            for (int i = 0; i < 200; ++i) got[t].push_back(Z_TlsAlloc());
+            own_value_kept[t] = Z_TlsGetValue(shared) == &got[t];
         });
     for (auto& t : threads) t.join();
+    EXPECT_EQ(Z_TlsGetValue(shared), &mine);
     std::vector<bool> seen(Z_TLS_SLOTS, false);
-    for (auto& g : got)
-        for (uint32_t s : g) {
+    seen[shared] = true;
+    for (int t = 0; t < 4; ++t) {
+        EXPECT_EQ(seen_first[t], nullptr);
+        EXPECT_TRUE(own_value_kept[t]);
+        for (uint32_t s : got[t]) {
             ASSERT_LT(s, static_cast<uint32_t>(Z_TLS_SLOTS));
             EXPECT_FALSE(seen[s]) << s;
             seen[s] = true;
         }
+    }
     for (uint32_t i = Z_TLS_SLOTS; i-- > 0;)
         if (seen[i]) {
             EXPECT_EQ(Z_TlsFree(i), 1) << i;
