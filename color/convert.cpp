@@ -498,15 +498,12 @@ uint8_t IndexMemo::find(const Plan& plan, uint32_t r, uint32_t g, uint32_t b) {
     return i;
 }
 
-int32_t convert_buffer(const ConvertRequest& request, ConvertPaths paths) {
-    Plan plan;
-    bool same = false;
-    const int32_t status = make_plan(request, plan, &same);
-    if (status != ST_OK || same) return status;
-    if (paths == ConvertPaths::WithFastPaths && avx512_kernels_usable() &&
-        run_fast_path_avx512(plan, request.buffer))
-        return ST_OK;
-    if (paths != ConvertPaths::GeneralOnly && run_fast_path(plan, request.buffer)) return ST_OK;
+// The general path with what only it needs: the colour of each index and
+// the colour-to-index memo (kept out of the callers' frames).
+#if defined(__GNUC__)
+__attribute__((noinline))
+#endif
+void run_general_path(Plan& plan, uint8_t* row) {
     if (plan.src_depth <= 8) {
         // The colour of each index: the source palette's for the indices the
         // depth has, gray level i otherwise (and for 8-bit gray).
@@ -521,7 +518,19 @@ int32_t convert_buffer(const ConvertRequest& request, ConvertPaths paths) {
         memo.prepare(plan.dst_palette, plan.dst_count);
         plan.memo = &memo;
     }
-    run_general(plan, request.buffer);
+    run_general(plan, row);
+}
+
+int32_t convert_buffer(const ConvertRequest& request, ConvertPaths paths) {
+    Plan plan;
+    bool same = false;
+    const int32_t status = make_plan(request, plan, &same);
+    if (status != ST_OK || same) return status;
+    if (paths == ConvertPaths::WithFastPaths && avx512_kernels_usable() &&
+        run_fast_path_avx512(plan, request.buffer))
+        return ST_OK;
+    if (paths != ConvertPaths::GeneralOnly && run_fast_path(plan, request.buffer)) return ST_OK;
+    run_general_path(plan, request.buffer);
     return ST_OK;
 }
 

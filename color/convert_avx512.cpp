@@ -17,9 +17,11 @@
 #if ZK_AVX512_KERNELS
 // The intrinsics start some results from a deliberately undefined register,
 // which g++ 12 reports as a possibly uninitialised use.
+#if !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #pragma GCC diagnostic ignored "-Wuninitialized"
+#endif
 #include <immintrin.h>
 
 #include <cstddef>
@@ -56,7 +58,6 @@ constexpr Index make_index(F rule) {
 // the constants and clear the upper register state each time).
 #define ZK_GROUP __attribute__((always_inline))
 
-constexpr __mmask64 kEvenBytes = 0x5555555555555555ull;
 constexpr __mmask64 kOddBytes = 0xAAAAAAAAAAAAAAAAull;
 
 }  // namespace
@@ -445,7 +446,9 @@ bool avx512_kernels_usable() {
 
 }  // namespace zk
 
+#if !defined(__clang__)
 #pragma GCC diagnostic pop
+#endif
 
 #else
 

@@ -64,27 +64,34 @@ uint32_t find_palette_index(const RGBQUAD* entries, uint32_t count, uint32_t red
 
 namespace {
 
-// The distance part of PaletteSearch::find, for 1..256 prepared entries.
-ZK_TARGET_CLONES uint32_t nearest_by_distance(const PaletteSearch::Channels& c, uint32_t count, uint32_t red,
-                                              uint32_t green, uint32_t blue) {
+// Entries past the palette's count are filled with this channel value and a
+// class no colour has: their distances (at least 3 * 345^2) exceed any real
+// one (at most 3 * 255^2), so every search runs over all 256 slots, a loop
+// of fixed length the compiler vectorises.
+constexpr int32_t kUnusedChannel = 600;
+constexpr int32_t kUnusedClass = 8;
+
+// The distance part of PaletteSearch::find. The scan's choice among the
+// entries at the smallest distance D is folded into one key per entry so
+// that a single minimum finds it: an exact entry (D = 0) keys as its index
+// (the first wins); otherwise D << 9 plus 255 - i for an entry of the
+// target's class (the last wins) or 256 + i for another (the first wins,
+// and only when no entry at D has the class). Keys stay below 2^31.
+ZK_TARGET_CLONES uint32_t nearest_by_distance(const PaletteSearch::Channels& c, uint32_t red, uint32_t green,
+                                              uint32_t blue) {
     const auto R = static_cast<int32_t>(red), G = static_cast<int32_t>(green), B = static_cast<int32_t>(blue);
-    alignas(32) int32_t d[256];
+    const auto target = static_cast<int32_t>(channel_class(red, green, blue));
     int32_t best = INT32_MAX;
-    for (uint32_t i = 0; i < count; ++i) {
-        d[i] = (c.g[i] - G) * (c.g[i] - G) + (c.r[i] - R) * (c.r[i] - R) + (c.b[i] - B) * (c.b[i] - B);
-        best = std::min(best, d[i]);
+    for (int32_t i = 0; i < 256; ++i) {
+        const int32_t dr = c.r[i] - R, dg = c.g[i] - G, db = c.b[i] - B;
+        const int32_t d = dg * dg + dr * dr + db * db;
+        const int32_t tie = c.cls[i] == target ? 255 - i : 256 + i;
+        const int32_t key = d == 0 ? i : (d << 9 | tie);
+        best = std::min(best, key);
     }
-    uint32_t first = 0;
-    for (uint32_t i = 0; i < count; ++i)
-        if (d[i] == best) {
-            first = i;
-            break;
-        }
-    if (best == 0) return first;
-    const uint32_t target_class = channel_class(red, green, blue);
-    for (uint32_t i = count; i-- > first + 1;)
-        if (d[i] == best && c.cls[i] == target_class) return i;
-    return first;
+    if (best < 512) return static_cast<uint32_t>(best);
+    const int32_t tie = best & 511;
+    return static_cast<uint32_t>(tie < 256 ? 255 - tie : tie - 256);
 }
 
 }  // namespace
@@ -92,11 +99,16 @@ ZK_TARGET_CLONES uint32_t nearest_by_distance(const PaletteSearch::Channels& c, 
 void PaletteSearch::prepare(const RGBQUAD* entries, uint32_t count) {
     entries_ = entries;
     count_ = std::min(count, 256u);
-    for (uint32_t i = 0; i < count_; ++i) {
+    for (uint32_t i = 0; i < 256; ++i) {
+        if (i >= count_) {
+            c_.r[i] = c_.g[i] = c_.b[i] = kUnusedChannel;
+            c_.cls[i] = kUnusedClass;
+            continue;
+        }
         c_.r[i] = entries[i].rgbRed;
         c_.g[i] = entries[i].rgbGreen;
         c_.b[i] = entries[i].rgbBlue;
-        c_.cls[i] = static_cast<uint8_t>(channel_class(entries[i].rgbRed, entries[i].rgbGreen, entries[i].rgbBlue));
+        c_.cls[i] = static_cast<int32_t>(channel_class(entries[i].rgbRed, entries[i].rgbGreen, entries[i].rgbBlue));
     }
 }
 
@@ -117,7 +129,7 @@ uint32_t PaletteSearch::find(uint32_t red, uint32_t green, uint32_t blue) const 
         if (is_black(entries_[0])) return 0;
         if (is_black(entries_[count_ - 1])) return count_ - 1;
     }
-    return nearest_by_distance(c_, count_, red, green, blue);
+    return nearest_by_distance(c_, red, green, blue);
 }
 
 }  // namespace zk

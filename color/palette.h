@@ -31,8 +31,8 @@ const RGBQUAD* fixed_palette(int32_t bits);
 uint32_t find_palette_index(const RGBQUAD* entries, uint32_t count, uint32_t red, uint32_t green, uint32_t blue);
 
 // A palette of at most 256 entries prepared for many searches of 8-bit
-// colours: the same index as find_palette_index, with the distances to all
-// entries computed in one pass the compiler can vectorise.
+// colours: the same index as find_palette_index, found by one pass over all
+// entries that the compiler vectorises.
 class PaletteSearch {
 public:
     void prepare(const RGBQUAD* entries, uint32_t count);
@@ -42,7 +42,7 @@ public:
         alignas(32) int32_t r[256];
         alignas(32) int32_t g[256];
         alignas(32) int32_t b[256];
-        uint8_t cls[256];
+        alignas(32) int32_t cls[256];  // channel-order class
     };
 
 private:
