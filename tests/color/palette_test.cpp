@@ -318,6 +318,31 @@ TEST(FindPaletteIndex, PreparedSearchEqualsTheScan) {
     }
 }
 
+// Random palettes of every size class, from few distinct values (many
+// entries at the same distance, of mixed channel-order classes) to all
+// distinct, against random colours: the prepared search keeps the scan's
+// tie rules (first exact entry; else last entry of the target's class at
+// the smallest distance, else the first there).
+TEST(FindPaletteIndex, PreparedSearchOnRandomPalettes) {
+    std::mt19937 rng(11);
+    for (uint32_t n : {1u, 3u, 16u, 100u, 255u, 256u})
+        for (uint32_t levels : {2u, 5u, 256u}) {
+            std::vector<RGBQUAD> p(n);
+            const auto level = [&] { return static_cast<int>(rng() % levels * 255 / (levels - 1)); };
+            for (auto& e : p) e = rgb(level(), level(), level());
+            zk::PaletteSearch search;
+            search.prepare(p.data(), n);
+            for (int k = 0; k < 3000; ++k) {
+                // Half the colours on the palette's own levels, so that exact hits and ties occur.
+                const uint32_t r = k % 2 ? rng() % 256 : static_cast<uint32_t>(level()),
+                               g = k % 2 ? rng() % 256 : static_cast<uint32_t>(level()),
+                               b = k % 2 ? rng() % 256 : static_cast<uint32_t>(level());
+                ASSERT_EQ(search.find(r, g, b), Z_FindPaletteIndex(p.data(), n, r, g, b))
+                    << n << "/" << levels << ": " << r << " " << g << " " << b;
+            }
+        }
+}
+
 TEST(BitmapPalette, EntriesAndColours) {
     BitmapHandle b = record(8, 256);
     b.Palette = Z_CreateGrayPalette(8);
