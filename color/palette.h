@@ -35,19 +35,25 @@ uint32_t find_palette_index(const RGBQUAD* entries, uint32_t count, uint32_t red
 // entries that the compiler vectorises.
 class PaletteSearch {
 public:
-    void prepare(const RGBQUAD* entries, uint32_t count);
+    // wide_vectors = false keeps to the baseline build of the search even
+    // where the processor has the 512-bit one (tests hold both to the scan).
+    void prepare(const RGBQUAD* entries, uint32_t count, bool wide_vectors = true);
     uint32_t find(uint32_t red, uint32_t green, uint32_t blue) const;
 
     struct Channels {
-        alignas(32) int32_t r[256];
-        alignas(32) int32_t g[256];
-        alignas(32) int32_t b[256];
-        alignas(32) int32_t cls[256];  // channel-order class
+        alignas(64) int32_t r[256];
+        alignas(64) int32_t g[256];
+        alignas(64) int32_t b[256];
+        alignas(64) int32_t cls[256];  // channel-order class
+        // For 512-bit vectors: (red, green) and (blue, 0) as 16-bit pairs.
+        alignas(64) int16_t red_green[512];
+        alignas(64) int16_t blue_zero[512];
     };
 
 private:
     const RGBQUAD* entries_ = nullptr;
     uint32_t count_ = 0;
+    bool wide_ = false;  // the processor has the 512-bit search
     Channels c_;
 };
 

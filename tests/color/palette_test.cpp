@@ -303,19 +303,20 @@ TEST(FindPaletteIndex, PreparedSearchEqualsTheScan) {
         p.back() = rgb(0, 0, 0);
         palettes.push_back(p);
     }
-    for (const auto& p : palettes) {
-        zk::PaletteSearch search;
-        search.prepare(p.data(), static_cast<uint32_t>(p.size()));
-        const auto n = static_cast<uint32_t>(p.size());
-        for (int r = 0; r < 256; r += 17)
-            for (int g = 0; g < 256; g += 15)
-                for (int b = 0; b < 256; b += 51)
-                    ASSERT_EQ(search.find(r, g, b), Z_FindPaletteIndex(p.data(), n, r, g, b))
-                        << n << ": " << r << " " << g << " " << b;
-        for (uint32_t v : {0u, 42u, 85u, 128u, 170u, 255u})
-            ASSERT_EQ(search.find(v, v, v), Z_FindPaletteIndex(p.data(), n, v, v, v)) << n << " gray " << v;
-        ASSERT_EQ(search.find(300, 2, 2), Z_FindPaletteIndex(p.data(), n, 300, 2, 2));
-    }
+    for (const auto& p : palettes)
+        for (bool wide : {true, false}) {
+            zk::PaletteSearch search;
+            search.prepare(p.data(), static_cast<uint32_t>(p.size()), wide);
+            const auto n = static_cast<uint32_t>(p.size());
+            for (int r = 0; r < 256; r += 17)
+                for (int g = 0; g < 256; g += 15)
+                    for (int b = 0; b < 256; b += 51)
+                        ASSERT_EQ(search.find(r, g, b), Z_FindPaletteIndex(p.data(), n, r, g, b))
+                            << n << ": " << r << " " << g << " " << b;
+            for (uint32_t v : {0u, 42u, 85u, 128u, 170u, 255u})
+                ASSERT_EQ(search.find(v, v, v), Z_FindPaletteIndex(p.data(), n, v, v, v)) << n << " gray " << v;
+            ASSERT_EQ(search.find(300, 2, 2), Z_FindPaletteIndex(p.data(), n, 300, 2, 2));
+        }
 }
 
 // Random palettes of every size class, from few distinct values (many
@@ -326,21 +327,22 @@ TEST(FindPaletteIndex, PreparedSearchEqualsTheScan) {
 TEST(FindPaletteIndex, PreparedSearchOnRandomPalettes) {
     std::mt19937 rng(11);
     for (uint32_t n : {1u, 3u, 16u, 100u, 255u, 256u})
-        for (uint32_t levels : {2u, 5u, 256u}) {
-            std::vector<RGBQUAD> p(n);
-            const auto level = [&] { return static_cast<int>(rng() % levels * 255 / (levels - 1)); };
-            for (auto& e : p) e = rgb(level(), level(), level());
-            zk::PaletteSearch search;
-            search.prepare(p.data(), n);
-            for (int k = 0; k < 3000; ++k) {
-                // Half the colours on the palette's own levels, so that exact hits and ties occur.
-                const uint32_t r = k % 2 ? rng() % 256 : static_cast<uint32_t>(level()),
-                               g = k % 2 ? rng() % 256 : static_cast<uint32_t>(level()),
-                               b = k % 2 ? rng() % 256 : static_cast<uint32_t>(level());
-                ASSERT_EQ(search.find(r, g, b), Z_FindPaletteIndex(p.data(), n, r, g, b))
-                    << n << "/" << levels << ": " << r << " " << g << " " << b;
+        for (uint32_t levels : {2u, 5u, 256u})
+            for (bool wide : {true, false}) {
+                std::vector<RGBQUAD> p(n);
+                const auto level = [&] { return static_cast<int>(rng() % levels * 255 / (levels - 1)); };
+                for (auto& e : p) e = rgb(level(), level(), level());
+                zk::PaletteSearch search;
+                search.prepare(p.data(), n, wide);
+                for (int k = 0; k < 3000; ++k) {
+                    // Half the colours on the palette's own levels, so that exact hits and ties occur.
+                    const uint32_t r = k % 2 ? rng() % 256 : static_cast<uint32_t>(level()),
+                                   g = k % 2 ? rng() % 256 : static_cast<uint32_t>(level()),
+                                   b = k % 2 ? rng() % 256 : static_cast<uint32_t>(level());
+                    ASSERT_EQ(search.find(r, g, b), Z_FindPaletteIndex(p.data(), n, r, g, b))
+                        << n << "/" << levels << (wide ? " wide: " : ": ") << r << " " << g << " " << b;
+                }
             }
-        }
 }
 
 TEST(BitmapPalette, EntriesAndColours) {
