@@ -521,8 +521,38 @@ void run_general_path(Plan& plan, uint8_t* row) {
     run_general(plan, row);
 }
 
+// The hot pairs between plain colour orders (CO_RGB, CO_BGR) without bit
+// ranges pass every check of make_plan; their plan is filled here directly,
+// which is most of the cost of a short row.
+bool plan_hot_pair(const ConvertRequest& rq, Plan& plan) {
+    const auto plain = [](int64_t order) { return order == CO_RGB || order == CO_BGR; };
+    if (!rq.buffer || rq.width <= 0 || !plain(rq.src_order) || !plain(rq.dst_order) ||
+        (rq.flags & (CVT_SRC_RANGE | CVT_DST_RANGE)))
+        return false;
+    switch (rq.src_bits * 100 + static_cast<int64_t>(rq.dst_bits)) {
+        case 2424: case 2432: case 3224: case 4824: case 2400: case 2416: case 1624: case 824: break;
+        default: return false;
+    }
+    plan.src_depth = rq.src_bits;
+    plan.dst_depth = static_cast<int32_t>(rq.dst_bits);
+    plan.width = static_cast<uint32_t>(rq.width);
+    plan.src_rgb = rq.src_bits >= 16 && rq.src_order == static_cast<int32_t>(CO_RGB);
+    plan.dst_rgb = rq.dst_order == CO_RGB;
+    plan.alpha8 = (rq.flags & CVT_OPAQUE_ALPHA) ? static_cast<uint8_t>(rq.alpha_fill) : 0;
+    plan.alpha16 = (rq.flags & CVT_OPAQUE_ALPHA) ? static_cast<uint16_t>(rq.alpha_fill) : 0;
+    if (rq.src_bits == 8) plan.src_palette = rq.src_palette;
+    return true;
+}
+
 int32_t convert_buffer(const ConvertRequest& request, ConvertPaths paths) {
     Plan plan;
+    if (paths != ConvertPaths::GeneralOnly && plan_hot_pair(request, plan)) {
+        if (paths == ConvertPaths::WithFastPaths && avx512_kernels_usable() &&
+            run_fast_path_avx512(plan, request.buffer))
+            return ST_OK;
+        if (run_fast_path(plan, request.buffer)) return ST_OK;
+        plan = Plan{};  // not reached: every hot pair has a kernel in both builds
+    }
     bool same = false;
     const int32_t status = make_plan(request, plan, &same);
     if (status != ST_OK || same) return status;

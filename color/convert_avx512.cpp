@@ -217,9 +217,11 @@ void bgr48_to_bgr24(uint8_t* row, uint32_t width) {
 // lands in its own byte of the lane, are merged by bitwise selects: lane k
 // then holds pixels k, 16 + k, 32 + k, 48 + k, which a last permute puts in
 // order.
-template <bool RedFirst>
+// Sixteen pixels from byte Skip of the 64 bytes read at `at`.
+template <bool RedFirst, int Skip>
 inline __m512i gray_lanes(const uint8_t* s, size_t at, size_t in) {
-    static constexpr Index kExpand = make_index([](int j) { return j % 4 == 3 ? 0 : 3 * (j / 4) + j % 4; });
+    static constexpr Index kExpand =
+        make_index([](int j) { return Skip + (j % 4 == 3 ? 0 : 3 * (j / 4) + j % 4); });
     // Weights of channel bytes 0, 1, 2 and of the repeated byte 0.
     constexpr int32_t kWeights = RedFirst ? 0x00010502 : 0x00020501;
     return _mm512_dpbusd_epi32(_mm512_set1_epi32(4), _mm512_permutexvar_epi8(load(kExpand), load_in(s, at, in)),
@@ -232,8 +234,9 @@ void bgr24_to_gray8(uint8_t* row, uint32_t width) {
     forwards<64>(width, aligned_start(row, 1), [row](uint32_t i, uint32_t n) ZK_GROUP {
         const uint8_t* s = row + 3 * size_t{i};
         const size_t in = 3 * size_t{n};
-        const __m512i v0 = gray_lanes<RedFirst>(s, 0, in), v1 = gray_lanes<RedFirst>(s, 48, in),
-                      v2 = gray_lanes<RedFirst>(s, 96, in), v3 = gray_lanes<RedFirst>(s, 144, in);
+        // The last sixteen pixels are read with the group's last 64 bytes.
+        const __m512i v0 = gray_lanes<RedFirst, 0>(s, 0, in), v1 = gray_lanes<RedFirst, 0>(s, 48, in),
+                      v2 = gray_lanes<RedFirst, 0>(s, 96, in), v3 = gray_lanes<RedFirst, 16>(s, 128, in);
         // v >> 3 in byte 0, v << 5 in byte 1, v << 13 in byte 2, v << 21 in byte 3.
         const __m512i b01 = _mm512_ternarylogic_epi32(_mm512_set1_epi32(0x000000FF), _mm512_srli_epi32(v0, 3),
                                                       _mm512_slli_epi32(v1, 5), 0xCA);
