@@ -143,18 +143,20 @@ void swap_bgr24(uint8_t* row, uint32_t width) {
     });
 }
 
-// 24 -> 32 bits: 16 pixels per group, backwards; byte 3 from the alpha register.
+// 24 -> 32 bits: 16 pixels per group, backwards. The permute writes the
+// three colour bytes of each pixel into the alpha register.
 template <bool Swap>
 void bgr24_to_bgr32(uint8_t* row, uint32_t width, uint8_t alpha) {
     static constexpr Index kWiden = make_index([](int j) {
         const int p = j / 4, c = j % 4;
-        return c == 3 ? 64 : 3 * p + (Swap ? 2 - c : c);
+        return c == 3 ? 0 : 3 * p + (Swap ? 2 - c : c);
     });
+    constexpr __mmask64 kColour = 0x7777777777777777ull;
     const __m512i a = _mm512_set1_epi8(static_cast<char>(alpha));
     backwards<16>(width, aligned_start(row, 4), [row, a](uint32_t i, uint32_t n) ZK_GROUP {
         // A whole group reads 64 bytes from 3i, all below its own stores.
         const __m512i v = load_in(row + 3 * size_t{i}, 0, n == 16 ? 64 : 3 * size_t{n});
-        store_in(row + 4 * size_t{i}, 0, 4 * size_t{n}, _mm512_permutex2var_epi8(v, load(kWiden), a));
+        store_in(row + 4 * size_t{i}, 0, 4 * size_t{n}, _mm512_mask_permutexvar_epi8(a, kColour, load(kWiden), v));
     });
 }
 
