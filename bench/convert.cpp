@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "color/convert.h"
 #include "zkernel.h"
 
 namespace {
@@ -113,7 +114,8 @@ int main(int argc, char** argv) {
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
 
-    std::printf("\nratio memcpy(destination row) / conversion, rows of %d pixels:\n", kWidth);
+    std::printf("\nratio memcpy(destination row) / conversion, rows of %d pixels (%s kernels):\n", kWidth,
+                zk::avx512_kernels_usable() ? "512-bit vector" : "baseline");
     for (const Pair& p : kPairs) {
         const auto c = reporter.times.find(std::string("convert/") + p.name);
         const auto m = reporter.times.find("memcpy/" + std::to_string(dst_row_bytes(p.dst_bits)));
