@@ -1,0 +1,89 @@
+// Drives row access with arbitrary rows, columns, byte counts and segment
+// lists on small bitmaps held conventionally and in memory tiles. Every call
+// must return a status or the bytes it moved without reaching outside the
+// bitmap or the caller's buffer (AddressSanitizer), and a whole row written
+// in range must read back as written.
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include "zkernel.h"
+
+namespace {
+
+void check(bool ok) {
+    if (!ok) __builtin_trap();
+}
+
+struct Reader {
+    const uint8_t* p;
+    size_t n;
+    uint32_t take(int bytes) {
+        uint32_t v = 0;
+        for (int i = 0; i < bytes && n; ++i, ++p, --n) v = (v << 8) | *p;
+        return v;
+    }
+};
+
+constexpr int32_t kDepths[] = {1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 24, 32, 48, 64};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Reader in{data, size};
+    const int32_t bpp = kDepths[in.take(1) % 14];
+    const int32_t width = static_cast<int32_t>(in.take(1) % 70) + 1;
+    const int32_t height = static_cast<int32_t>(in.take(1) % 40) + 1;
+    const bool tiled = in.take(1) & 1;
+
+    // Tiles of a few rows, all in memory, when asked for.
+    int32_t reserve, max_conv, tile_size, max_mem, views;
+    Z_GetMemoryThresholds(&reserve, &max_conv, &tile_size, &max_mem, &views);
+    Z_SetMemoryThresholds(0, 0x7FFFFFFF, 64, -100, 1, 0x1F);
+
+    BitmapHandle b;
+    check(Z_InitBitmap(&b, Z_BITMAPHANDLE_SIZE, width, height, bpp) == ST_OK);
+    const int32_t r = Z_AllocateBitmap(&b, tiled ? TYPE_TILED : TYPE_CONV);
+    Z_SetMemoryThresholds(reserve, max_conv, tile_size, max_mem, views, 0x1F);
+    if (r != ST_OK) return 0;
+
+    const uint32_t line = b.BytesPerLine;
+    std::vector<uint8_t> row(line), back(line);
+    while (in.n) {
+        const uint32_t op = in.take(1) % 6;
+        const uint32_t at = in.take(1) % (static_cast<uint32_t>(height) + 4);
+        const uint32_t column = in.take(1) % (static_cast<uint32_t>(width) + 8);
+        const uint32_t bytes = in.take(2) % (3 * line + 8);
+        std::vector<uint8_t> buffer(bytes ? bytes : 1);
+        for (auto& v : buffer) v = static_cast<uint8_t>(in.take(1));
+        int32_t got = 0;
+        switch (op) {
+            case 0: got = Z_GetBitmapRow(&b, buffer.data(), at, bytes); break;
+            case 1: got = Z_PutBitmapRow(&b, buffer.data(), at, bytes); break;
+            case 2: got = Z_GetBitmapRowCol(&b, buffer.data(), at, column, bytes); break;
+            case 3: got = Z_PutBitmapRowCol(&b, buffer.data(), at, column, bytes); break;
+            case 4: {
+                // Segments over a whole-row buffer.
+                uint32_t segments[8];
+                const uint32_t count = in.take(1) % 9;
+                for (uint32_t i = 0; i < count; ++i) segments[i] = in.take(1) % (static_cast<uint32_t>(width) + 4);
+                std::vector<uint8_t> whole(line + 8);
+                got = Z_PutBitmapRowSegments(&b, whole.data(), at, column % 9, segments, count);
+                break;
+            }
+            default: {
+                // A whole row in range reads back as written.
+                const uint32_t target = at % static_cast<uint32_t>(height);
+                for (uint32_t i = 0; i < line; ++i) row[i] = static_cast<uint8_t>(in.take(1));
+                check(Z_PutBitmapRow(&b, row.data(), target, line) == static_cast<int32_t>(line));
+                check(Z_GetBitmapRow(&b, back.data(), target, line) == static_cast<int32_t>(line));
+                check(row == back);
+                continue;
+            }
+        }
+        check(got < 0 || (op == 4 || static_cast<uint32_t>(got) == bytes));
+    }
+    Z_FreeBitmap(&b);
+    return 0;
+}
