@@ -47,20 +47,22 @@ const Pair kPairs[] = {
 std::vector<RGBQUAD> custom_palette() {
     std::vector<RGBQUAD> p(256);
     std::mt19937 rng(77);
-    for (auto& e : p) e = RGBQUAD{static_cast<uint8_t>(rng()), static_cast<uint8_t>(rng()), static_cast<uint8_t>(rng()), 0};
+    for (auto& e : p)
+        e = RGBQUAD{static_cast<uint8_t>(rng()), static_cast<uint8_t>(rng()), static_cast<uint8_t>(rng()), 0};
     return p;
 }
 
 size_t dst_row_bytes(uint32_t bits) { return size_t{kWidth} * (bits == 0 ? 8 : bits) / 8; }
 
 void BM_Convert(benchmark::State& state, Pair pair) {
-    const auto size = static_cast<size_t>(Z_CalcConvertSize(kWidth, static_cast<uint32_t>(pair.src_bits), kWidth, pair.dst_bits));
+    const auto size =
+        static_cast<size_t>(Z_CalcConvertSize(kWidth, static_cast<uint32_t>(pair.src_bits), kWidth, pair.dst_bits));
     std::vector<uint8_t> row = random_row(size, 1);
     const std::vector<RGBQUAD> pal = custom_palette();
     for (auto _ : state) {
-        const int32_t st = Z_ConvertBuffer(row.data(), kWidth, pair.src_bits, pair.dst_bits,
-                                           static_cast<int32_t>(pair.src_order), pair.dst_order,
-                                           pair.palette ? pal.data() : nullptr, nullptr);
+        const int32_t st =
+            Z_ConvertBuffer(row.data(), kWidth, pair.src_bits, pair.dst_bits, static_cast<int32_t>(pair.src_order),
+                            pair.dst_order, pair.palette ? pal.data() : nullptr, nullptr);
         benchmark::DoNotOptimize(st);
         benchmark::ClobberMemory();
     }
@@ -107,8 +109,10 @@ public:
 }  // namespace
 
 int main(int argc, char** argv) {
-    for (const Pair& p : kPairs) benchmark::RegisterBenchmark((std::string("convert/") + p.name).c_str(), BM_Convert, p);
-    for (uint32_t bits : {0u, 16u, 24u, 32u}) benchmark::RegisterBenchmark("memcpy", BM_Memcpy)->Arg(static_cast<int64_t>(dst_row_bytes(bits)));
+    for (const Pair& p : kPairs)
+        benchmark::RegisterBenchmark((std::string("convert/") + p.name).c_str(), BM_Convert, p);
+    for (uint32_t bits : {0u, 16u, 24u, 32u})
+        benchmark::RegisterBenchmark("memcpy", BM_Memcpy)->Arg(static_cast<int64_t>(dst_row_bytes(bits)));
     benchmark::RegisterBenchmark("convert/bgr24_to_pal8_custom", BM_Bgr24ToPal8Custom);
     benchmark::Initialize(&argc, argv);
     RatioReporter reporter;

@@ -105,8 +105,8 @@ void BM_CopyRect1BitOddColumn(benchmark::State& state) {
         Z_FreeBitmap(&dst);
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(bytes));
-    state.counters["Mpixel/s"] = benchmark::Counter(static_cast<double>(width) * kSide * 1e-6,
-                                                    benchmark::Counter::kIsIterationInvariantRate);
+    state.counters["Mpixel/s"] =
+        benchmark::Counter(static_cast<double>(width) * kSide * 1e-6, benchmark::Counter::kIsIterationInvariantRate);
     Z_FreeBitmap(&src);
 }
 

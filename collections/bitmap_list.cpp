@@ -75,8 +75,7 @@ int32_t insert(ListHeader* h, uint32_t index, const BitmapHandle& item) {
     if (!grown) return ST_NO_MEMORY;
     h->items = grown;
     const uint32_t at = index < h->count ? index : h->count;
-    if (at < h->count)
-        std::memmove(h->items + at + 1, h->items + at, static_cast<size_t>(h->count - at) * kRecord);
+    if (at < h->count) std::memmove(h->items + at + 1, h->items + at, static_cast<size_t>(h->count - at) * kRecord);
     std::memcpy(h->items + at, &item, kRecord);
     ++h->count;
     return ST_OK;
@@ -178,8 +177,7 @@ extern "C" int32_t Z_API Z_DeleteBitmapListItems(BitmapList list, uint32_t index
     return ST_OK;
 }
 
-extern "C" int32_t Z_API Z_GetBitmapListItem(BitmapList list, uint32_t index, BitmapHandle* item,
-                                             int32_t structSize) {
+extern "C" int32_t Z_API Z_GetBitmapListItem(BitmapList list, uint32_t index, BitmapHandle* item, int32_t structSize) {
     LockedList h(list);
     if (!h || index >= h->count || !item) return ST_BAD_PARAM;
     if (structSize != Z_BITMAPHANDLE_SIZE) return ST_BAD_STRUCT_SIZE;
@@ -199,8 +197,7 @@ extern "C" int32_t Z_API Z_SetBitmapListItem(BitmapList list, uint32_t index, co
     return ST_OK;
 }
 
-extern "C" int32_t Z_API Z_CopyBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index,
-                                               uint32_t count) {
+extern "C" int32_t Z_API Z_CopyBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index, uint32_t count) {
     if (!newList) return ST_BAD_PARAM;
     LockedList h(list);
     if (!h) return ST_BAD_PARAM;
@@ -227,8 +224,7 @@ extern "C" int32_t Z_API Z_CopyBitmapListItems(BitmapList* newList, BitmapList l
     return ST_OK;
 }
 
-extern "C" int32_t Z_API Z_MoveBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index,
-                                               uint32_t count) {
+extern "C" int32_t Z_API Z_MoveBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index, uint32_t count) {
     LockedList h(list);
     if (!h || index >= h->count || count == 0 || !newList) return ST_BAD_PARAM;
     *newList = nullptr;

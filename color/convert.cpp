@@ -26,8 +26,10 @@ bool order_allowed(int32_t depth, int64_t order) {
     switch (depth) {
         case 12: return order == CO_GRAY;
         case 16: return order != CO_ALT_BGR;
-        case 24: case 48: return order != CO_GRAY;
-        case 32: case 64: return order == CO_RGB || order == CO_BGR;
+        case 24:
+        case 48: return order != CO_GRAY;
+        case 32:
+        case 64: return order == CO_RGB || order == CO_BGR;
         default: return true;
     }
 }
@@ -240,8 +242,8 @@ void store_gray8(const Plan&, uint8_t* row, uint64_t first, uint32_t n, const Pi
 template <uint32_t Bits>
 void store_indexed(const Plan& plan, uint8_t* row, uint64_t first, uint32_t n, const Pivot* in) {
     for (uint32_t k = 0; k < n; ++k) {
-        const uint32_t i = plan.use_map ? plan.map[in[k].index]
-                                        : plan.memo->find(plan, in[k].r >> 8, in[k].g >> 8, in[k].b >> 8);
+        const uint32_t i =
+            plan.use_map ? plan.map[in[k].index] : plan.memo->find(plan, in[k].r >> 8, in[k].g >> 8, in[k].b >> 8);
         if (Bits == 8)
             row[first + k] = static_cast<uint8_t>(i);
         else
@@ -251,9 +253,8 @@ void store_indexed(const Plan& plan, uint8_t* row, uint64_t first, uint32_t n, c
 
 // The gray sample of a 12/16-bit gray destination, shifted into its field.
 inline uint32_t deep_gray_sample(const Plan& plan, const Pivot& px) {
-    const uint32_t v = plan.level_from_colour
-                           ? rescale(gray8(px.r >> 8, px.g >> 8, px.b >> 8), 8, plan.dst_nb)
-                           : rescale(px.level, plan.level_bits, plan.dst_nb);
+    const uint32_t v = plan.level_from_colour ? rescale(gray8(px.r >> 8, px.g >> 8, px.b >> 8), 8, plan.dst_nb)
+                                              : rescale(px.level, plan.level_bits, plan.dst_nb);
     return v << plan.dst_shift;
 }
 
@@ -436,8 +437,8 @@ int32_t make_plan(const ConvertRequest& rq, Plan& plan, bool* same) {
         const uint32_t cap = plan.lut ? static_cast<uint32_t>(sd) : plan.wide_gray ? 16u : 8u;
         const bool ranged = (flags & CVT_SRC_RANGE) != 0;
         BitRange r{};
-        if (!bit_range(static_cast<uint32_t>(sd), ranged ? rq.low_bit : 0xFFFFFFFFu,
-                       ranged ? rq.high_bit : 0xFFFFFFFFu, cap, &r))
+        if (!bit_range(static_cast<uint32_t>(sd), ranged ? rq.low_bit : 0xFFFFFFFFu, ranged ? rq.high_bit : 0xFFFFFFFFu,
+                       cap, &r))
             return ST_BAD_PARAM;
         plan.src_shift = r.shift;
         plan.src_mask = r.mask;
@@ -530,7 +531,14 @@ bool plan_hot_pair(const ConvertRequest& rq, Plan& plan) {
         (rq.flags & (CVT_SRC_RANGE | CVT_DST_RANGE)))
         return false;
     switch (rq.src_bits * 100 + static_cast<int64_t>(rq.dst_bits)) {
-        case 2424: case 2432: case 3224: case 4824: case 2400: case 2416: case 1624: case 824: break;
+        case 2424:
+        case 2432:
+        case 3224:
+        case 4824:
+        case 2400:
+        case 2416:
+        case 1624:
+        case 824: break;
         default: return false;
     }
     plan.src_depth = rq.src_bits;
@@ -556,8 +564,7 @@ int32_t convert_buffer(const ConvertRequest& request, ConvertPaths paths) {
     bool same = false;
     const int32_t status = make_plan(request, plan, &same);
     if (status != ST_OK || same) return status;
-    if (paths == ConvertPaths::WithFastPaths && avx512_kernels_usable() &&
-        run_fast_path_avx512(plan, request.buffer))
+    if (paths == ConvertPaths::WithFastPaths && avx512_kernels_usable() && run_fast_path_avx512(plan, request.buffer))
         return ST_OK;
     if (paths != ConvertPaths::GeneralOnly && run_fast_path(plan, request.buffer)) return ST_OK;
     run_general_path(plan, request.buffer);

@@ -222,8 +222,7 @@ void bgr48_to_bgr24(uint8_t* row, uint32_t width) {
 // Sixteen pixels from byte Skip of the 64 bytes read at `at`.
 template <bool RedFirst, int Skip>
 inline __m512i gray_lanes(const uint8_t* s, size_t at, size_t in) {
-    static constexpr Index kExpand =
-        make_index([](int j) { return Skip + (j % 4 == 3 ? 0 : 3 * (j / 4) + j % 4); });
+    static constexpr Index kExpand = make_index([](int j) { return Skip + (j % 4 == 3 ? 0 : 3 * (j / 4) + j % 4); });
     // Weights of channel bytes 0, 1, 2 and of the repeated byte 0.
     constexpr int32_t kWeights = RedFirst ? 0x00010502 : 0x00020501;
     return _mm512_dpbusd_epi32(_mm512_set1_epi32(4), _mm512_permutexvar_epi8(load(kExpand), load_in(s, at, in)),
@@ -262,8 +261,8 @@ inline __m512i bgr555_words(__m512i a, __m512i b) {
     const __m512i hi = _mm512_maskz_permutex2var_epi8(kOddBytes, a, load(kHighField), b);
     // Bits 0-4 from lg >> 3, bits 5-9 from lg >> 6 (whose bits 10-15 are 0),
     // then bits 10-14 from hi >> 1.
-    const __m512i low_mid = _mm512_ternarylogic_epi32(_mm512_set1_epi16(0x001F), _mm512_srli_epi16(lg, 3),
-                                                      _mm512_srli_epi16(lg, 6), 0xCA);
+    const __m512i low_mid =
+        _mm512_ternarylogic_epi32(_mm512_set1_epi16(0x001F), _mm512_srli_epi16(lg, 3), _mm512_srli_epi16(lg, 6), 0xCA);
     return _mm512_ternarylogic_epi32(low_mid, _mm512_srli_epi16(hi, 1), _mm512_set1_epi16(0x7C00), 0xF8);
 }
 
@@ -349,8 +348,7 @@ void channel_tables(const RGBQUAD* colours, bool red_first, ChannelTables& out) 
             }
             const auto* e = reinterpret_cast<const uint8_t*>(colours + 64 * q);
             const __m512i lo = _mm512_permutex2var_epi8(_mm512_loadu_si512(e), sel, _mm512_loadu_si512(e + 64));
-            const __m512i hi =
-                _mm512_permutex2var_epi8(_mm512_loadu_si512(e + 128), sel, _mm512_loadu_si512(e + 192));
+            const __m512i hi = _mm512_permutex2var_epi8(_mm512_loadu_si512(e + 128), sel, _mm512_loadu_si512(e + 192));
             out.t[k][q] = _mm512_inserti64x4(lo, _mm512_castsi512_si256(hi), 1);
         }
     }
@@ -410,15 +408,9 @@ bool run_fast_path_avx512(const Plan& plan, uint8_t* row) {
         case 2432:
             swap ? bgr24_to_bgr32<true>(row, w, plan.alpha8) : bgr24_to_bgr32<false>(row, w, plan.alpha8);
             return true;
-        case 3224:
-            swap ? bgr32_to_bgr24<true>(row, w) : bgr32_to_bgr24<false>(row, w);
-            return true;
-        case 4824:
-            swap ? bgr48_to_bgr24<true>(row, w) : bgr48_to_bgr24<false>(row, w);
-            return true;
-        case 2400:
-            plan.src_rgb ? bgr24_to_gray8<true>(row, w) : bgr24_to_gray8<false>(row, w);
-            return true;
+        case 3224: swap ? bgr32_to_bgr24<true>(row, w) : bgr32_to_bgr24<false>(row, w); return true;
+        case 4824: swap ? bgr48_to_bgr24<true>(row, w) : bgr48_to_bgr24<false>(row, w); return true;
+        case 2400: plan.src_rgb ? bgr24_to_gray8<true>(row, w) : bgr24_to_gray8<false>(row, w); return true;
         case 2416:
             if (plan.dst_gray16) return false;
             swap ? bgr24_to_bgr555<true>(row, w) : bgr24_to_bgr555<false>(row, w);
@@ -427,11 +419,8 @@ bool run_fast_path_avx512(const Plan& plan, uint8_t* row) {
             if (plan.src_gray16) return false;
             swap ? bgr555_to_bgr24<true>(row, w) : bgr555_to_bgr24<false>(row, w);
             return true;
-        case 824:
-            pal8_to_bgr24(row, w, plan.src_palette, plan.dst_rgb);
-            return true;
-        default:
-            return false;
+        case 824: pal8_to_bgr24(row, w, plan.src_palette, plan.dst_rgb); return true;
+        default: return false;
     }
 }
 

@@ -337,16 +337,12 @@ ZK_TARGET_CLONES bool run_fast_path(const Plan& plan, uint8_t* row) {
     const bool swap = plan.src_rgb != plan.dst_rgb;
     const uint32_t w = plan.width;
     switch (plan.src_depth * 100 + plan.dst_depth) {
-        case 2424:
-            swap ? convert_bgr24_to_bgr24<true>(row, w) : convert_bgr24_to_bgr24<false>(row, w);
-            return true;
+        case 2424: swap ? convert_bgr24_to_bgr24<true>(row, w) : convert_bgr24_to_bgr24<false>(row, w); return true;
         case 2432:
             swap ? convert_bgr24_to_bgr32<true>(row, w, plan.alpha8)
                  : convert_bgr24_to_bgr32<false>(row, w, plan.alpha8);
             return true;
-        case 3224:
-            swap ? convert_bgr32_to_bgr24<true>(row, w) : convert_bgr32_to_bgr24<false>(row, w);
-            return true;
+        case 3224: swap ? convert_bgr32_to_bgr24<true>(row, w) : convert_bgr32_to_bgr24<false>(row, w); return true;
         case 2400:
             plan.src_rgb ? convert_bgr24_to_gray8<true>(row, w) : convert_bgr24_to_gray8<false>(row, w);
             return true;
@@ -358,15 +354,12 @@ ZK_TARGET_CLONES bool run_fast_path(const Plan& plan, uint8_t* row) {
             if (plan.src_gray16) return false;
             swap ? convert_bgr555_to_bgr24<true>(row, w) : convert_bgr555_to_bgr24<false>(row, w);
             return true;
-        case 4824:
-            swap ? convert_bgr48_to_bgr24<true>(row, w) : convert_bgr48_to_bgr24<false>(row, w);
-            return true;
+        case 4824: swap ? convert_bgr48_to_bgr24<true>(row, w) : convert_bgr48_to_bgr24<false>(row, w); return true;
         case 824:
             plan.dst_rgb ? convert_pal8_to_bgr24<true>(row, w, plan.src_palette)
                          : convert_pal8_to_bgr24<false>(row, w, plan.src_palette);
             return true;
-        default:
-            return false;
+        default: return false;
     }
 }
 

@@ -7,9 +7,7 @@ namespace {
 
 // Row bytes rounded up to a multiple of 4, in 32-bit unsigned arithmetic as
 // the bitmap record keeps them. Depth 0 (8-bit gray) counts as 8 bits.
-uint32_t row_bytes(int32_t width, uint32_t bits) {
-    return ((static_cast<uint32_t>(width) * bits + 31u) >> 3) & ~3u;
-}
+uint32_t row_bytes(int32_t width, uint32_t bits) { return ((static_cast<uint32_t>(width) * bits + 31u) >> 3) & ~3u; }
 
 }  // namespace
 

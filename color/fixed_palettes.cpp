@@ -34,10 +34,10 @@ constexpr uint32_t level7(uint32_t x) { return (255 * x + 3) / 7; }
 //   8 bits: index = r*32 + g*4 + b, r, g in 0..7, b in 0..3;
 //           level7(r), level7(g), 85b.
 constexpr std::array<RGBQUAD, kTotalEntries> build_fixed_tables() {
-    constexpr uint8_t sixteen[16][3] = {
-        {0, 0, 0},     {128, 0, 0},   {0, 128, 0},   {128, 128, 0}, {0, 0, 128},   {128, 0, 128},
-        {0, 128, 128}, {128, 128, 128}, {192, 192, 192}, {255, 0, 0}, {0, 255, 0},   {255, 255, 0},
-        {0, 0, 255},   {255, 0, 255}, {0, 255, 255}, {255, 255, 255}};
+    constexpr uint8_t sixteen[16][3] = {{0, 0, 0},       {128, 0, 0},   {0, 128, 0},   {128, 128, 0},
+                                        {0, 0, 128},     {128, 0, 128}, {0, 128, 128}, {128, 128, 128},
+                                        {192, 192, 192}, {255, 0, 0},   {0, 255, 0},   {255, 255, 0},
+                                        {0, 0, 255},     {255, 0, 255}, {0, 255, 255}, {255, 255, 255}};
     std::array<RGBQUAD, kTotalEntries> t{};
     RGBQUAD* p = t.data() + table_offset(1);
     p[0] = rgb(0, 0, 0);
@@ -121,7 +121,8 @@ extern "C" int32_t Z_API Z_CreateBitmapFixedPalette(BitmapHandle* bitmap) {
         // A 4-colour bitmap is served from the start of the 2-entry table on
         // purpose: black, white, then the first two entries of the 4-entry
         // table. Callers rely on that palette.
-        case 2: case 4: depth = 1; break;
+        case 2:
+        case 4: depth = 1; break;
         case 8: depth = 3; break;
         case 16: depth = 4; break;
         case 32: depth = 5; break;

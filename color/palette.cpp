@@ -224,12 +224,10 @@ extern "C" int32_t Z_API Z_GetBitmapColors(const BitmapHandle* bitmap, uint32_t 
     return Z_GetBitmapPaletteEntries(bitmap, first, count, entries) == count ? ST_OK : ST_BAD_PARAM;
 }
 
-extern "C" int32_t Z_API Z_PutBitmapColors(BitmapHandle* bitmap, int32_t first, int32_t count,
-                                           const RGBQUAD* entries) {
+extern "C" int32_t Z_API Z_PutBitmapColors(BitmapHandle* bitmap, int32_t first, int32_t count, const RGBQUAD* entries) {
     if (!bitmap || !(bitmap->Flags & BF_ALLOCATED)) return ST_INVALID_BITMAP;
     if (bitmap->StructSize != kStructSize) return ST_BAD_STRUCT_SIZE;
-    if (first < 0 || int64_t{first} + count > static_cast<int32_t>(bitmap->ColorCount) ||
-        bitmap->BitsPerPixel > 8)
+    if (first < 0 || int64_t{first} + count > static_cast<int32_t>(bitmap->ColorCount) || bitmap->BitsPerPixel > 8)
         return ST_BAD_PARAM;
     if (count <= 0) return ST_OK;
     if (!entries) return ST_BAD_PARAM;
@@ -273,8 +271,7 @@ extern "C" int32_t Z_API Z_CopyBitmapPalette(BitmapHandle* dst, const BitmapHand
     return dst->Palette ? 1 : 0;
 }
 
-extern "C" int32_t Z_API Z_CompareBitmapToPalette(const BitmapHandle* bitmap, const RGBQUAD* entries,
-                                                  uint32_t count) {
+extern "C" int32_t Z_API Z_CompareBitmapToPalette(const BitmapHandle* bitmap, const RGBQUAD* entries, uint32_t count) {
     if (!bitmap) return 0;
     RGBQUAD local[256];
     const uint32_t n = Z_GetBitmapPaletteEntries(bitmap, 0, std::min(count, 256u), local);

@@ -14,11 +14,21 @@ constexpr uint32_t kStructSize = static_cast<uint32_t>(sizeof(BitmapHandle));
 // Depths a bitmap may have.
 constexpr bool valid_depth(int32_t bpp) {
     switch (bpp) {
-        case 1: case 2: case 3: case 4: case 5: case 6: case 7: case 8:
-        case 12: case 16: case 24: case 32: case 48: case 64:
-            return true;
-        default:
-            return false;
+        case 1:
+        case 2:
+        case 3:
+        case 4:
+        case 5:
+        case 6:
+        case 7:
+        case 8:
+        case 12:
+        case 16:
+        case 24:
+        case 32:
+        case 48:
+        case 64: return true;
+        default: return false;
     }
 }
 

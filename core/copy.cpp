@@ -63,8 +63,7 @@ uint32_t kind_of(const BitmapHandle& src) {
 
 }  // namespace
 
-int32_t duplicate(BitmapHandle* dst, BitmapHandle* src, int32_t width, int32_t height, int32_t bpp,
-                  uint32_t flags) {
+int32_t duplicate(BitmapHandle* dst, BitmapHandle* src, int32_t width, int32_t height, int32_t bpp, uint32_t flags) {
     int32_t r = Z_InitBitmap(dst, Z_BITMAPHANDLE_SIZE, width, height, bpp);
     if (r != ST_OK) return r;
     dst->Flags |= src->Flags & kInheritedFlags;
@@ -355,8 +354,7 @@ extern "C" int32_t Z_API Z_CopyBitmap(BitmapHandle* dst, BitmapHandle* src, int3
     return r;
 }
 
-extern "C" int32_t Z_API Z_CopyBitmap2(BitmapHandle* dst, BitmapHandle* src, uint32_t memoryType,
-                                       int32_t structSize) {
+extern "C" int32_t Z_API Z_CopyBitmap2(BitmapHandle* dst, BitmapHandle* src, uint32_t memoryType, int32_t structSize) {
     if (!dst || !src || !(src->Flags & BF_ALLOCATED)) return ST_BAD_PARAM;
     if (dst == src) return ST_OK;
     if (!zk::sizes_ok(src, structSize)) return ST_BAD_STRUCT_SIZE;
@@ -383,8 +381,7 @@ extern "C" int32_t Z_API Z_CopyBitmapRect2(BitmapHandle* dst, BitmapHandle* src,
     return zk::copy_rect(dst, src, left, top, width, height, true, memoryType);
 }
 
-extern "C" int32_t Z_API Z_TrimBitmap(BitmapHandle* bitmap, int32_t left, int32_t top, int32_t width,
-                                      int32_t height) {
+extern "C" int32_t Z_API Z_TrimBitmap(BitmapHandle* bitmap, int32_t left, int32_t top, int32_t width, int32_t height) {
     if (!bitmap || !(bitmap->Flags & BF_ALLOCATED)) return ST_BAD_PARAM;
     if (bitmap->StructSize != zk::kStructSize) return ST_BAD_STRUCT_SIZE;
     // The rectangle is intersected with the bitmap: its far edges come from

@@ -351,9 +351,9 @@ extern "C" int32_t Z_API Z_FilterIO(Z_OPENPROC* open, Z_READPROC* read, Z_WRITEP
     return ST_OK;
 }
 
-extern "C" int32_t Z_API Z_GetFilterIOData(Z_OPENPROC* open, Z_READPROC* read, Z_WRITEPROC* write,
-                                           Z_SEEKPROC* seek, Z_CLOSEPROC* close, void** userOpen, void** userRead,
-                                           void** userWrite, void** userSeek, void** userClose) {
+extern "C" int32_t Z_API Z_GetFilterIOData(Z_OPENPROC* open, Z_READPROC* read, Z_WRITEPROC* write, Z_SEEKPROC* seek,
+                                           Z_CLOSEPROC* close, void** userOpen, void** userRead, void** userWrite,
+                                           void** userSeek, void** userClose) {
     const zk::ThreadState& s = zk::thread_state();
     if (open) *open = open_of(s);
     if (read) *read = read_of(s);

@@ -51,9 +51,7 @@ extern "C" void Z_API Z_OsFree(void* pointer) {
 }
 
 extern "C" void* Z_API Z_MallocDump(size_t size, const char*, int32_t) { return Z_Malloc(size); }
-extern "C" void* Z_API Z_CallocDump(size_t count, size_t size, const char*, int32_t) {
-    return Z_Calloc(count, size);
-}
+extern "C" void* Z_API Z_CallocDump(size_t count, size_t size, const char*, int32_t) { return Z_Calloc(count, size); }
 extern "C" void* Z_API Z_ReallocDump(void* pointer, size_t size, const char*, int32_t) {
     return Z_Realloc(pointer, size);
 }

@@ -139,8 +139,10 @@ int32_t change_in_place(BitmapHandle& b, const Request& q) {
     const uint32_t mapped_before = t->MappedCount;
     uint32_t mem = q.has(kUseMemTiles) ? std::min(q.mem_tiles, t->TileCount) : t->MemTiles;
     int32_t r = ST_OK;
-    if (mem > t->MemTiles) r = grow_mem_tiles(b, t, mem);
-    else if (mem < t->MemTiles) r = shrink_mem_tiles(b, t, mem);
+    if (mem > t->MemTiles)
+        r = grow_mem_tiles(b, t, mem);
+    else if (mem < t->MemTiles)
+        r = shrink_mem_tiles(b, t, mem);
     if (r != ST_OK) return r;
     const uint32_t room = t->TileCount - t->MemTiles;
     if (q.has(kUseMaxMapped)) t->MaxMapped = std::min(q.max_mapped, room);
@@ -172,14 +174,13 @@ int32_t rebuild(BitmapHandle& b, const Request& q, uint32_t current_type) {
     if (type == TYPE_TILED) {
         const int32_t threshold = thread_state().tile_size;
         size_t tile = q.has(kUseTileSize) ? q.tile_size
-                      : current          ? size_t{current->RowsPerTile} * b.BytesPerLine
-                                         : static_cast<size_t>(threshold > 0 ? threshold : 0);
+                      : current           ? size_t{current->RowsPerTile} * b.BytesPerLine
+                                          : static_cast<size_t>(threshold > 0 ? threshold : 0);
         if (tile < 1) tile = kDefaultTile;
         if (fresh.Size >= tile) {
             st::TileLayout layout{};
             layout.rows_per_tile = rows_per_tile(b, q, current, tile);
-            const uint32_t count =
-                (static_cast<uint32_t>(b.Height) + layout.rows_per_tile - 1) / layout.rows_per_tile;
+            const uint32_t count = (static_cast<uint32_t>(b.Height) + layout.rows_per_tile - 1) / layout.rows_per_tile;
             layout.mem_tiles = q.has(kUseMemTiles) ? q.mem_tiles : current ? current->MemTiles : count;
             layout.max_mapped = q.has(kUseMaxMapped) ? q.max_mapped : current ? current->MaxMapped : 1;
             fresh.Flags &= ~BF_STORAGE_MASK;

@@ -183,8 +183,7 @@ extern "C" uint32_t Z_API Z_TlsAlloc(void) {
 
 extern "C" int32_t Z_API Z_TlsFree(uint32_t slot) {
     std::lock_guard<zk::platform::Lock> guard(zk::g_slot_lock);
-    if (slot >= Z_TLS_SLOTS || zk::g_slot_high == 0 || slot > zk::g_slot_high - 1 || !zk::g_slot_used[slot])
-        return 0;
+    if (slot >= Z_TLS_SLOTS || zk::g_slot_high == 0 || slot > zk::g_slot_high - 1 || !zk::g_slot_used[slot]) return 0;
     zk::g_slot_used[slot] = false;
     if (slot == zk::g_slot_high - 1) --zk::g_slot_high;
     return 1;

@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int32_t src_order = kOrders[in.take(1) % (sizeof kOrders / sizeof kOrders[0])];
     const int32_t dst_order = kOrders[in.take(1) % (sizeof kOrders / sizeof kOrders[0])];
     const int32_t flags = static_cast<int32_t>(in.take(1));
-    const uint32_t low = in.take(1) % 40 - 4;   // includes values read as negative
+    const uint32_t low = in.take(1) % 40 - 4;  // includes values read as negative
     const uint32_t high = in.take(1) % 40 - 4;
     const int32_t width = static_cast<int32_t>(in.take(2) % 300) - 2;
     const uint32_t palettes = in.take(1);
@@ -49,20 +49,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::vector<RGBQUAD> src_palette(src_entries), dst_palette(256);
     for (auto& e : src_palette) e = RGBQUAD{static_cast<uint8_t>(in.take(1)), 0, 0, 0};
     for (size_t i = 0; i < dst_palette.size(); ++i)
-        dst_palette[i] = RGBQUAD{static_cast<uint8_t>(i), static_cast<uint8_t>(in.take(1)), static_cast<uint8_t>(i * 3), 0};
+        dst_palette[i] =
+            RGBQUAD{static_cast<uint8_t>(i), static_cast<uint8_t>(in.take(1)), static_cast<uint8_t>(i * 3), 0};
 
-    const int32_t need =
-        width > 0 ? Z_CalcConvertSize(width, static_cast<uint32_t>(src_bits < 0 ? 0 : src_bits), width,
-                                      static_cast<uint32_t>(dst_bits < 0 ? 0 : dst_bits))
-                  : 4;
+    const int32_t need = width > 0 ? Z_CalcConvertSize(width, static_cast<uint32_t>(src_bits < 0 ? 0 : src_bits), width,
+                                                       static_cast<uint32_t>(dst_bits < 0 ? 0 : dst_bits))
+                                   : 4;
     if (need <= 0 || need > (1 << 20)) return 0;
     std::vector<uint8_t> buffer(static_cast<size_t>(need));
     for (auto& b : buffer) b = static_cast<uint8_t>(in.take(1));
     const std::vector<uint8_t> before = buffer;
 
-    const int32_t r = Z_ConvertBufferExt(buffer.data(), width, src_bits, static_cast<uint32_t>(dst_bits), src_order,
-                                         static_cast<uint32_t>(dst_order), (palettes & 1) ? src_palette.data() : nullptr,
-                                         (palettes & 2) ? dst_palette.data() : nullptr, flags, low, high);
+    const int32_t r = Z_ConvertBufferExt(
+        buffer.data(), width, src_bits, static_cast<uint32_t>(dst_bits), src_order, static_cast<uint32_t>(dst_order),
+        (palettes & 1) ? src_palette.data() : nullptr, (palettes & 2) ? dst_palette.data() : nullptr, flags, low, high);
     check(r == ST_OK || r == ST_BAD_PARAM);
     if (r == ST_BAD_PARAM) check(buffer == before);
     return 0;

@@ -43,8 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     check(Z_StartRedirectToBuffer(&rec, &h, flags, start, start ? initial : 0) == ST_OK);
     check(h == Z_REDIRECT_HANDLE);
 
-    std::vector<uint8_t> model(input_only && start ? start : nullptr,
-                               input_only && start ? start + initial : nullptr);
+    std::vector<uint8_t> model(input_only && start ? start : nullptr, input_only && start ? start + initial : nullptr);
     std::vector<bool> known(model.size(), true);  // bytes whose value the model knows
     size_t capacity = start ? initial : 0;
     size_t pos = 0;
@@ -100,8 +99,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const int32_t origin = static_cast<int32_t>(in.take(1) % 4);
             const int64_t offset = static_cast<int16_t>(in.take(2));
             const int64_t got = Z_RedirectedSeek(h, offset, origin);
-            const int64_t base = origin == 0 ? 0 : origin == 1 ? static_cast<int64_t>(pos)
-                                                               : static_cast<int64_t>(model.size());
+            const int64_t base = origin == 0   ? 0
+                                 : origin == 1 ? static_cast<int64_t>(pos)
+                                               : static_cast<int64_t>(model.size());
             if (origin == 3 || base + offset < 0) {
                 check(got == -1);
             } else {

@@ -320,10 +320,10 @@ typedef struct ZarnRgn {
 /* Buffer redirection record of Z_StartRedirectToBuffer. */
 typedef struct Z_REDIRECTBUFFER {
     uint8_t* Buffer;
-    size_t Size;      /* bytes allocated */
-    size_t End;       /* end of data */
-    size_t Position;  /* current position */
-    uint32_t Flags;   /* 1 may grow; 4 input only; low bits 3: shrink on close */
+    size_t Size;     /* bytes allocated */
+    size_t End;      /* end of data */
+    size_t Position; /* current position */
+    uint32_t Flags;  /* 1 may grow; 4 input only; low bits 3: shrink on close */
     Z_OPENPROC SavedOpen;
     Z_READPROC SavedRead;
     Z_WRITEPROC SavedWrite;
@@ -361,7 +361,7 @@ Z_EXPORT int32_t Z_API Z_GetDefaultXResolution(void);
 Z_EXPORT int32_t Z_API Z_GetDefaultYResolution(void);
 Z_EXPORT int32_t Z_API Z_SetDefaultXResolution(int32_t value);
 Z_EXPORT int32_t Z_API Z_SetDefaultYResolution(int32_t value);
-Z_EXPORT int32_t Z_API Z_DefaultDithering(uint32_t method);   /* 0..8 */
+Z_EXPORT int32_t Z_API Z_DefaultDithering(uint32_t method); /* 0..8 */
 Z_EXPORT uint32_t Z_API Z_GetDefaultDithering(void);
 Z_EXPORT int32_t Z_API Z_SetDefaultMemoryType(uint32_t type); /* TYPE_CONV or TYPE_DISK */
 Z_EXPORT int32_t Z_API Z_GetDefaultMemoryType(uint32_t* type);
@@ -408,8 +408,7 @@ Z_EXPORT int32_t Z_API Z_CopyBitmapRect2(BitmapHandle* dst, BitmapHandle* src, i
 Z_EXPORT int32_t Z_API Z_TrimBitmap(BitmapHandle* bitmap, int32_t left, int32_t top, int32_t width, int32_t height);
 Z_EXPORT int32_t Z_API Z_ChangeBitmapHeight(BitmapHandle* bitmap, int32_t height);
 /* Bytes a buffer needs to hold one row before and after a conversion. */
-Z_EXPORT int32_t Z_API Z_CalcConvertSize(int32_t width, uint32_t bitsPerPixel, int32_t width2,
-                                         uint32_t bitsPerPixel2);
+Z_EXPORT int32_t Z_API Z_CalcConvertSize(int32_t width, uint32_t bitsPerPixel, int32_t width2, uint32_t bitsPerPixel2);
 Z_EXPORT int32_t Z_API Z_CopyBitmapData(BitmapHandle* dst, BitmapHandle* src);
 /* Copies PlaybackParm0..2 and 5, the two playback flags, and the two playback
  * colours. */
@@ -478,8 +477,8 @@ Z_EXPORT int32_t Z_API Z_GetFilterIOData(Z_OPENPROC* open, Z_READPROC* read, Z_W
  * Z_Malloc (or be null); the one handed back by Z_StopRedirectToBuffer is the
  * caller's to release with Z_Free. The end of data never passes the buffer's
  * size. */
-Z_EXPORT int32_t Z_API Z_StartRedirectToBuffer(Z_REDIRECTBUFFER** record, Z_FILE* handle, uint32_t flags,
-                                               void* buffer, size_t size);
+Z_EXPORT int32_t Z_API Z_StartRedirectToBuffer(Z_REDIRECTBUFFER** record, Z_FILE* handle, uint32_t flags, void* buffer,
+                                               size_t size);
 Z_EXPORT int32_t Z_API Z_StopRedirectToBuffer(Z_REDIRECTBUFFER* record, void** buffer, size_t* dataSize);
 
 /* ---------------------------------------------------------------------------
@@ -520,8 +519,7 @@ Z_EXPORT void Z_API Z_FreeDump(void* pointer, const char* file, int32_t line);
 Z_EXPORT void* Z_API Z_OsAllocDump(size_t size, const char* file, int32_t line);
 Z_EXPORT void* Z_API Z_OsAllocInitDump(size_t size, int32_t zeroFlag, const char* file, int32_t line);
 Z_EXPORT void* Z_API Z_OsReAllocDump(void* pointer, size_t size, const char* file, int32_t line);
-Z_EXPORT void* Z_API Z_OsReAllocInitDump(void* pointer, size_t size, int32_t zeroFlag, const char* file,
-                                         int32_t line);
+Z_EXPORT void* Z_API Z_OsReAllocInitDump(void* pointer, size_t size, int32_t zeroFlag, const char* file, int32_t line);
 Z_EXPORT void Z_API Z_OsFreeDump(void* pointer, const char* file, int32_t line);
 Z_EXPORT void Z_API Z_DumpMemoryReport(const char* title);
 
@@ -548,8 +546,8 @@ Z_EXPORT int32_t Z_API Z_GetBitmapRow(BitmapHandle* bitmap, uint8_t* buffer, uin
 Z_EXPORT int32_t Z_API Z_PutBitmapRow(BitmapHandle* bitmap, const uint8_t* buffer, uint32_t row, uint32_t bytes);
 Z_EXPORT int32_t Z_API Z_GetBitmapRowCol(BitmapHandle* bitmap, uint8_t* buffer, uint32_t row, uint32_t column,
                                          uint32_t bytes);
-Z_EXPORT int32_t Z_API Z_PutBitmapRowCol(BitmapHandle* bitmap, const uint8_t* buffer, uint32_t row,
-                                         uint32_t column, uint32_t bytes);
+Z_EXPORT int32_t Z_API Z_PutBitmapRowCol(BitmapHandle* bitmap, const uint8_t* buffer, uint32_t row, uint32_t column,
+                                         uint32_t bytes);
 /* segments: count values read as (start, end) pixel spans of buffer. */
 Z_EXPORT int32_t Z_API Z_PutBitmapRowSegments(BitmapHandle* bitmap, const uint8_t* buffer, uint32_t row,
                                               uint32_t xOffset, const uint32_t* segments, uint32_t count);
@@ -591,18 +589,15 @@ Z_EXPORT int32_t Z_API Z_ConvertBuffer(uint8_t* buffer, int32_t width, int32_t s
  *    refused. */
 Z_EXPORT int32_t Z_API Z_ConvertBufferExt(uint8_t* buffer, int32_t width, int32_t srcBits, uint32_t dstBits,
                                           int32_t srcOrder, uint32_t dstOrder, const RGBQUAD* srcPalette,
-                                          const RGBQUAD* dstPalette, int32_t flags, uint32_t lowBit,
-                                          uint32_t highBit);
+                                          const RGBQUAD* dstPalette, int32_t flags, uint32_t lowBit, uint32_t highBit);
 
 /* ---------------------------------------------------------------------------
  * Palettes
  * ------------------------------------------------------------------------- */
 Z_EXPORT uint32_t Z_API Z_GetBitmapPaletteEntries(const BitmapHandle* bitmap, uint32_t first, uint32_t count,
                                                   RGBQUAD* entries);
-Z_EXPORT int32_t Z_API Z_GetBitmapColors(const BitmapHandle* bitmap, uint32_t first, uint32_t count,
-                                         RGBQUAD* entries);
-Z_EXPORT int32_t Z_API Z_PutBitmapColors(BitmapHandle* bitmap, int32_t first, int32_t count,
-                                         const RGBQUAD* entries);
+Z_EXPORT int32_t Z_API Z_GetBitmapColors(const BitmapHandle* bitmap, uint32_t first, uint32_t count, RGBQUAD* entries);
+Z_EXPORT int32_t Z_API Z_PutBitmapColors(BitmapHandle* bitmap, int32_t first, int32_t count, const RGBQUAD* entries);
 Z_EXPORT RGBQUAD* Z_API Z_CreateNewPalette(const RGBQUAD* entries, uint32_t count);
 Z_EXPORT int32_t Z_API Z_SetBitmapNewPalette(BitmapHandle* bitmap, const RGBQUAD* entries, uint32_t count);
 Z_EXPORT int32_t Z_API Z_CopyBitmapPalette(BitmapHandle* dst, const BitmapHandle* src);
@@ -612,8 +607,7 @@ Z_EXPORT HPALETTE Z_API Z_CreatePalette(const RGBQUAD* entries, uint32_t count);
 Z_EXPORT HPALETTE Z_API Z_DupPalette(HPALETTE palette);
 Z_EXPORT uint32_t Z_API Z_GetPaletteSize(HPALETTE palette);
 Z_EXPORT uint32_t Z_API Z_GetPaletteEntries(HPALETTE palette, uint32_t first, uint32_t count, RGBQUAD* entries);
-Z_EXPORT uint32_t Z_API Z_SetPaletteEntries(HPALETTE palette, uint32_t first, uint32_t count,
-                                            const RGBQUAD* entries);
+Z_EXPORT uint32_t Z_API Z_SetPaletteEntries(HPALETTE palette, uint32_t first, uint32_t count, const RGBQUAD* entries);
 Z_EXPORT int32_t Z_API Z_DeletePalette(HPALETTE palette);
 Z_EXPORT HPALETTE Z_API Z_CreateSystemPalette(void);
 /* Nearest palette entry by Euclidean distance in RGB (colour is 0x00BBGGRR),

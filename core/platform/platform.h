@@ -29,8 +29,8 @@ void heap_free(void* pointer);
 // Locks nest. Where the OS has no such memory it is emulated.
 using BlockHandle = void*;
 BlockHandle block_alloc(std::size_t size, bool zero);
-void* block_lock(BlockHandle block);          // null on failure
-bool block_unlock(BlockHandle block);         // true while still locked
+void* block_lock(BlockHandle block);   // null on failure
+bool block_unlock(BlockHandle block);  // true while still locked
 // Resizes an unlocked or locked block; the growth is zeroed when asked.
 // On failure the block is unchanged and null is returned.
 BlockHandle block_realloc(BlockHandle block, std::size_t size, bool zero_growth);
@@ -47,8 +47,8 @@ constexpr FileHandle kNoFile = -1;
 
 enum class Access { Read, Write, ReadWrite };
 enum class Disposition {
-    OpenExisting,   // fail when missing
-    CreateAlways,   // create or replace
+    OpenExisting,  // fail when missing
+    CreateAlways,  // create or replace
     TruncateExisting,
     OpenAlways,
 };

@@ -3,18 +3,18 @@
 
 #include "platform.h"
 
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fcntl.h>
 #include <new>
-#include <pthread.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #if defined(__linux__)
 #include <sys/sysinfo.h>
 #endif
@@ -106,8 +106,8 @@ BlockHandle block_alloc(std::size_t size, bool zero) {
     if (size > kMaxObject - sizeof(Prefix)) return nullptr;
     auto* b = static_cast<Block*>(std::malloc(sizeof(Block)));
     if (!b) return nullptr;
-    auto* storage = static_cast<unsigned char*>(zero ? std::calloc(1, sizeof(Prefix) + size)
-                                                     : std::malloc(sizeof(Prefix) + size));
+    auto* storage =
+        static_cast<unsigned char*>(zero ? std::calloc(1, sizeof(Prefix) + size) : std::malloc(sizeof(Prefix) + size));
     if (!storage) {
         std::free(b);
         return nullptr;

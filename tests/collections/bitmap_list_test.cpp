@@ -223,7 +223,9 @@ TEST(BitmapList, MoveTakesRecordsAsTheyAre) {
             ASSERT_EQ(Z_GetBitmapListItem(moved, i, &b, Z_BITMAPHANDLE_SIZE), ST_OK);
             EXPECT_EQ(b.Data, data[i]) << "no pixel copy";
         }
-        if (c.left.empty()) { EXPECT_EQ(header(list).items, nullptr); }
+        if (c.left.empty()) {
+            EXPECT_EQ(header(list).items, nullptr);
+        }
         EXPECT_EQ(Z_DestroyBitmapList(moved), ST_OK);
         EXPECT_EQ(Z_DestroyBitmapList(list), ST_OK);
     }
@@ -282,36 +284,48 @@ TEST(BitmapList, FailureAtEveryStepLeavesTheListWhole) {
     const std::vector<int> start = {0, 1, 2};
     for (int op = 0; op < 5; ++op) {
         SCOPED_TRACE(testing::Message() << "op " << op);
-        zktest::sweep_faults({FaultKind::Allocation, FaultKind::Mapping, FaultKind::File}, 200,
-                             [&](FaultKind kind, int n) {
-                                 BitmapList list = make_list(start);
-                                 BitmapHandle extra = tagged(7);
-                                 BitmapList out = nullptr;
-                                 const int32_t r = zktest::under_fault(kind, n, [&] {
-                                     switch (op) {
-                                         case 0: return Z_InsertBitmapListItem(list, 1, &extra);
-                                         case 1: return Z_CopyBitmapListItems(&out, list, 0, 3);
-                                         case 2: return Z_MoveBitmapListItems(&out, list, 1, 2);
-                                         case 3: return Z_CreateBitmapList(&out);
-                                         default: return Z_DeleteBitmapListItems(list, 1, 1);  // a failed shrink is no failure
-                                     }
-                                 });
-                                 if (r == ST_OK) {
-                                     if (op == 0) { EXPECT_EQ(tags(list), (std::vector<int>{0, 7, 1, 2})); }
-                                     if (op == 1) { EXPECT_EQ(tags(out), start); }
-                                     if (op == 2) { EXPECT_EQ(tags(out), (std::vector<int>{1, 2})); }
-                                     if (op == 4) { EXPECT_EQ(tags(list), (std::vector<int>{0, 2})); }
-                                     if (op != 0) Z_FreeBitmap(&extra);
-                                     if (out) { EXPECT_EQ(Z_DestroyBitmapList(out), ST_OK); }
-                                 } else {
-                                     EXPECT_EQ(r, ST_NO_MEMORY);
-                                     EXPECT_EQ(tags(list), start);
-                                     if (op != 3 && op != 4) { EXPECT_EQ(out, nullptr); }
-                                     Z_FreeBitmap(&extra);
-                                 }
-                                 EXPECT_EQ(Z_DestroyBitmapList(list), ST_OK);
-                                 return r == ST_OK;
-                             });
+        zktest::sweep_faults(
+            {FaultKind::Allocation, FaultKind::Mapping, FaultKind::File}, 200, [&](FaultKind kind, int n) {
+                BitmapList list = make_list(start);
+                BitmapHandle extra = tagged(7);
+                BitmapList out = nullptr;
+                const int32_t r = zktest::under_fault(kind, n, [&] {
+                    switch (op) {
+                        case 0: return Z_InsertBitmapListItem(list, 1, &extra);
+                        case 1: return Z_CopyBitmapListItems(&out, list, 0, 3);
+                        case 2: return Z_MoveBitmapListItems(&out, list, 1, 2);
+                        case 3: return Z_CreateBitmapList(&out);
+                        default: return Z_DeleteBitmapListItems(list, 1, 1);  // a failed shrink is no failure
+                    }
+                });
+                if (r == ST_OK) {
+                    if (op == 0) {
+                        EXPECT_EQ(tags(list), (std::vector<int>{0, 7, 1, 2}));
+                    }
+                    if (op == 1) {
+                        EXPECT_EQ(tags(out), start);
+                    }
+                    if (op == 2) {
+                        EXPECT_EQ(tags(out), (std::vector<int>{1, 2}));
+                    }
+                    if (op == 4) {
+                        EXPECT_EQ(tags(list), (std::vector<int>{0, 2}));
+                    }
+                    if (op != 0) Z_FreeBitmap(&extra);
+                    if (out) {
+                        EXPECT_EQ(Z_DestroyBitmapList(out), ST_OK);
+                    }
+                } else {
+                    EXPECT_EQ(r, ST_NO_MEMORY);
+                    EXPECT_EQ(tags(list), start);
+                    if (op != 3 && op != 4) {
+                        EXPECT_EQ(out, nullptr);
+                    }
+                    Z_FreeBitmap(&extra);
+                }
+                EXPECT_EQ(Z_DestroyBitmapList(list), ST_OK);
+                return r == ST_OK;
+            });
     }
 }
 

@@ -34,16 +34,15 @@ struct Call {
 // guard band that must stay untouched.
 int32_t convert(Bytes& row, int32_t width, const Call& c) {
     // Refused requests may carry sizes that mean nothing; keep the row then.
-    const int32_t calc =
-        width > 0 ? Z_CalcConvertSize(width, static_cast<uint32_t>(c.src_bits), width, c.dst_bits) : 0;
+    const int32_t calc = width > 0 ? Z_CalcConvertSize(width, static_cast<uint32_t>(c.src_bits), width, c.dst_bits) : 0;
     const size_t size = std::max(row.size(), static_cast<size_t>(std::clamp(calc, 0, 1 << 20)));
     Bytes buf(size + 16, 0xA5);
     std::copy(row.begin(), row.end(), buf.begin());
-    const int32_t st =
-        c.flags < 0 ? Z_ConvertBuffer(buf.data(), width, c.src_bits, c.dst_bits, c.src_order, c.dst_order,
-                                      c.src_palette, c.dst_palette)
-                    : Z_ConvertBufferExt(buf.data(), width, c.src_bits, c.dst_bits, c.src_order, c.dst_order,
-                                         c.src_palette, c.dst_palette, c.flags, c.low, c.high);
+    const int32_t st = c.flags < 0
+                           ? Z_ConvertBuffer(buf.data(), width, c.src_bits, c.dst_bits, c.src_order, c.dst_order,
+                                             c.src_palette, c.dst_palette)
+                           : Z_ConvertBufferExt(buf.data(), width, c.src_bits, c.dst_bits, c.src_order, c.dst_order,
+                                                c.src_palette, c.dst_palette, c.flags, c.low, c.high);
     for (size_t i = size; i < buf.size(); ++i) EXPECT_EQ(buf[i], 0xA5) << "guard byte " << i - size;
     row.assign(buf.begin(), buf.begin() + static_cast<long>(size));
     return st;
@@ -80,8 +79,9 @@ Bytes encode_colour(uint32_t bits, uint32_t order, int r, int g, int b, int alph
             return {static_cast<uint8_t>(w), static_cast<uint8_t>(w >> 8)};
         }
         case 24: return {static_cast<uint8_t>(c0), static_cast<uint8_t>(g), static_cast<uint8_t>(c2)};
-        case 32: return {static_cast<uint8_t>(c0), static_cast<uint8_t>(g), static_cast<uint8_t>(c2),
-                         static_cast<uint8_t>(alpha)};
+        case 32:
+            return {static_cast<uint8_t>(c0), static_cast<uint8_t>(g), static_cast<uint8_t>(c2),
+                    static_cast<uint8_t>(alpha)};
         default: {
             Bytes out;
             for (int v : {c0 * 257, g * 257, c2 * 257}) {
@@ -149,8 +149,7 @@ TEST(ConvertBuffer, RefusalsLeaveTheBufferAlone) {
             << c.what;
     }
     EXPECT_EQ(Z_ConvertBuffer(nullptr, 4, 24, 24, CO_BGR, CO_RGB, nullptr, nullptr), ST_BAD_PARAM);
-    EXPECT_EQ(Z_ConvertBufferExt(nullptr, 4, 24, 24, CO_BGR, CO_RGB, nullptr, nullptr, 0, kNone, kNone),
-              ST_BAD_PARAM);
+    EXPECT_EQ(Z_ConvertBufferExt(nullptr, 4, 24, 24, CO_BGR, CO_RGB, nullptr, nullptr, 0, kNone, kNone), ST_BAD_PARAM);
 }
 
 // The cases the format rules spell out.
@@ -170,7 +169,9 @@ TEST(ConvertBuffer, StatedExamples) {
         {"32 alpha 0", {24, 32, CO_BGR, CO_BGR}, {1, 2, 3}, {1, 2, 3, 0}},
         {"32 alpha opaque", {24, 32, CO_BGR, CO_BGR, nullptr, nullptr, CVT_OPAQUE_ALPHA}, {1, 2, 3}, {1, 2, 3, 255}},
         {"32 source alpha dropped", {32, 32, CO_BGR, CO_RGB}, {1, 2, 3, 9}, {3, 2, 1, 0}},
-        {"64 alpha opaque", {24, 64, CO_BGR, CO_RGB, nullptr, nullptr, CVT_OPAQUE_ALPHA}, {1, 2, 3},
+        {"64 alpha opaque",
+         {24, 64, CO_BGR, CO_RGB, nullptr, nullptr, CVT_OPAQUE_ALPHA},
+         {1, 2, 3},
          {3, 3, 2, 2, 1, 1, 0xFF, 0xFF}},
         {"32 to 24 drops alpha", {32, 24, CO_RGB, CO_RGB}, {1, 2, 3, 4, 5, 6, 7, 8}, {1, 2, 3, 5, 6, 7}},
         {"16 gray top byte", {16, 0, CO_GRAY, CO_GRAY}, {0x34, 0x12, 0xFF, 0xAB}, {0x12, 0xAB}},
@@ -178,9 +179,9 @@ TEST(ConvertBuffer, StatedExamples) {
     };
     for (const auto& c : cases) {
         Bytes row = c.in;
-        ASSERT_EQ(convert(row, static_cast<int32_t>(c.out.size() * 8 / (c.call.dst_bits ? c.call.dst_bits : 8)),
-                          c.call),
-                  ST_OK)
+        ASSERT_EQ(
+            convert(row, static_cast<int32_t>(c.out.size() * 8 / (c.call.dst_bits ? c.call.dst_bits : 8)), c.call),
+            ST_OK)
             << c.what;
         EXPECT_EQ(head(row, c.out.size()), c.out) << c.what << ": " << hex(head(row, c.out.size()));
     }
@@ -364,8 +365,7 @@ TEST(ConvertSweeps, Every12BitSample) {
     }
     const Bytes original = row;
     ASSERT_EQ(convert(row, 4096, {12, 16, CO_GRAY, CO_GRAY}), ST_OK);
-    for (uint32_t s = 0; s < 4096; ++s)
-        ASSERT_EQ(row[2 * s] | row[2 * s + 1] << 8, s * 65535 / 4095) << s;
+    for (uint32_t s = 0; s < 4096; ++s) ASSERT_EQ(row[2 * s] | row[2 * s + 1] << 8, s * 65535 / 4095) << s;
     ASSERT_EQ(convert(row, 4096, {16, 12, CO_GRAY, CO_GRAY}), ST_OK);
     EXPECT_EQ(head(row, original.size()), original);
     // To 8-bit gray: the top 8 bits.
@@ -410,8 +410,9 @@ TEST(ConvertRoundTrips, PalettizedThroughColour) {
             for (uint32_t mid : {24u, 32u, 48u}) {
                 Bytes r = row;
                 ASSERT_EQ(convert(r, width, {bits, mid, CO_BGR, CO_RGB, pal.data(), nullptr}), ST_OK);
-                ASSERT_EQ(convert(r, width, {static_cast<int32_t>(mid), static_cast<uint32_t>(bits), CO_RGB, CO_BGR,
-                                             nullptr, pal.data()}),
+                ASSERT_EQ(convert(r, width,
+                                  {static_cast<int32_t>(mid), static_cast<uint32_t>(bits), CO_RGB, CO_BGR, nullptr,
+                                   pal.data()}),
                           ST_OK);
                 r.resize(row.size());
                 r.back() = static_cast<uint8_t>(r.back() & (0xFF << tail));
@@ -464,8 +465,10 @@ TEST(ConvertPalettes, ColourToIndexEqualsTheSearch) {
         row = src;
         ASSERT_EQ(convert(row, width, {24, bits, CO_RGB, CO_BGR, nullptr, pal.data()}), ST_OK);
         for (int i = 0; i < width; ++i) {
-            const uint32_t want = Z_FindPaletteIndex(pal.data(), 1u << bits, src[3 * i], src[3 * i + 1], src[3 * i + 2]);
-            const uint32_t got = bits == 8 ? row[i] : (((row[5 * i / 8] << 8 | row[5 * i / 8 + 1]) >> (11 - 5 * i % 8)) & 31);
+            const uint32_t want =
+                Z_FindPaletteIndex(pal.data(), 1u << bits, src[3 * i], src[3 * i + 1], src[3 * i + 2]);
+            const uint32_t got =
+                bits == 8 ? row[i] : (((row[5 * i / 8] << 8 | row[5 * i / 8 + 1]) >> (11 - 5 * i % 8)) & 31);
             ASSERT_EQ(got, want & ((1u << bits) - 1)) << bits << " pixel " << i;
         }
     }
@@ -651,9 +654,9 @@ TEST(ConvertFastPaths, EveryRowAlignment) {
                     ASSERT_EQ(zk::convert_buffer(rq), ST_OK);
                     const std::string what = std::to_string(p.src) + " -> " + std::to_string(p.dst) + " width " +
                                              std::to_string(width) + " offset " + std::to_string(offset);
-                    ASSERT_EQ(Bytes(area.begin() + static_cast<long>(start),
-                                    area.begin() + static_cast<long>(start + size)),
-                              general)
+                    ASSERT_EQ(
+                        Bytes(area.begin() + static_cast<long>(start), area.begin() + static_cast<long>(start + size)),
+                        general)
                         << what;
                     for (size_t i = 0; i < area.size(); ++i) {
                         if (i >= start && i < start + size) continue;

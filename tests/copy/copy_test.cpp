@@ -414,10 +414,11 @@ TEST(CopyRect, RectangleMustLieInsideTheSource) {
         uint32_t width, height;
         int32_t want;
     } cases[] = {
-        {0, 0, 10, 8, ST_OK},         {9, 7, 1, 1, ST_OK},          {-1, 0, 2, 2, ST_BAD_PARAM},
-        {0, -1, 2, 2, ST_BAD_PARAM},  {0, 0, 11, 1, ST_BAD_PARAM},  {0, 0, 1, 9, ST_BAD_PARAM},
-        {10, 0, 1, 1, ST_BAD_PARAM},  {0, 0, 0, 1, ST_BAD_PARAM},   {0, 0, 1, 0, ST_BAD_PARAM},
-        {5, 0, 0xFFFFFFFFu, 1, ST_BAD_PARAM},
+        {0, 0, 10, 8, ST_OK},        {9, 7, 1, 1, ST_OK},
+        {-1, 0, 2, 2, ST_BAD_PARAM}, {0, -1, 2, 2, ST_BAD_PARAM},
+        {0, 0, 11, 1, ST_BAD_PARAM}, {0, 0, 1, 9, ST_BAD_PARAM},
+        {10, 0, 1, 1, ST_BAD_PARAM}, {0, 0, 0, 1, ST_BAD_PARAM},
+        {0, 0, 1, 0, ST_BAD_PARAM},  {5, 0, 0xFFFFFFFFu, 1, ST_BAD_PARAM},
     };
     for (const auto& c : cases) {
         BitmapHandle d{};
@@ -483,15 +484,14 @@ TEST(CopyFaults, EveryStepOfCopyAndRectLeavesTheSourceWhole) {
         {"copy", [](BitmapHandle* d, BitmapHandle* s) { return int(Z_CopyBitmap(d, s, Z_BITMAPHANDLE_SIZE)); }},
         {"copy2 disk",
          [](BitmapHandle* d, BitmapHandle* s) { return int(Z_CopyBitmap2(d, s, TYPE_DISK, Z_BITMAPHANDLE_SIZE)); }},
-        {"rect", [](BitmapHandle* d, BitmapHandle* s) {
-             return int(Z_CopyBitmapRect(d, s, Z_BITMAPHANDLE_SIZE, 3, 1, 9, 4));
-         }},
-        {"rect2 tiled", [](BitmapHandle* d, BitmapHandle* s) {
+        {"rect",
+         [](BitmapHandle* d, BitmapHandle* s) { return int(Z_CopyBitmapRect(d, s, Z_BITMAPHANDLE_SIZE, 3, 1, 9, 4)); }},
+        {"rect2 tiled",
+         [](BitmapHandle* d, BitmapHandle* s) {
              return int(Z_CopyBitmapRect2(d, s, Z_BITMAPHANDLE_SIZE, 3, 1, 9, 4, TYPE_DISK));
          }},
-        {"crop", [](BitmapHandle*, BitmapHandle* s) {
-             return int(Z_CopyBitmapRect(nullptr, s, Z_BITMAPHANDLE_SIZE, 1, 1, 9, 4));
-         }},
+        {"crop", [](BitmapHandle*,
+                    BitmapHandle* s) { return int(Z_CopyBitmapRect(nullptr, s, Z_BITMAPHANDLE_SIZE, 1, 1, 9, 4)); }},
     };
     for (Kind from : {Kind::Conventional, Kind::TiledDisk, Kind::Disk}) {
         for (const Op& op : ops) {

@@ -59,21 +59,20 @@ TEST(ChangeHeight, FailureAtEveryStepKeepsTheRows) {
     for (Kind kind : {Kind::Conventional, Kind::Global, Kind::TiledMemory, Kind::TiledDisk, Kind::Disk}) {
         for (int32_t h : {3, 14}) {
             SCOPED_TRACE(testing::Message() << copytest::name(kind) << " h " << h);
-            zktest::sweep_faults({FaultKind::Allocation, FaultKind::Mapping, FaultKind::File}, 100,
-                                 [&](FaultKind fault, int n) {
-                                     BitmapHandle b = copytest::make_filled(kind, 9, 9, 8, 61);
-                                     std::vector<uint8_t> want = copytest::pixels(b);
-                                     const int32_t r =
-                                         zktest::under_fault(fault, n, [&] { return Z_ChangeBitmapHeight(&b, h); });
-                                     if (r == ST_OK) {
-                                         want.resize(static_cast<size_t>(h) * b.BytesPerLine, 0);
-                                     } else {
-                                         EXPECT_EQ(b.Height, 9);
-                                     }
-                                     EXPECT_EQ(copytest::pixels(b), want);
-                                     Z_FreeBitmap(&b);
-                                     return r == ST_OK;
-                                 });
+            zktest::sweep_faults(
+                {FaultKind::Allocation, FaultKind::Mapping, FaultKind::File}, 100, [&](FaultKind fault, int n) {
+                    BitmapHandle b = copytest::make_filled(kind, 9, 9, 8, 61);
+                    std::vector<uint8_t> want = copytest::pixels(b);
+                    const int32_t r = zktest::under_fault(fault, n, [&] { return Z_ChangeBitmapHeight(&b, h); });
+                    if (r == ST_OK) {
+                        want.resize(static_cast<size_t>(h) * b.BytesPerLine, 0);
+                    } else {
+                        EXPECT_EQ(b.Height, 9);
+                    }
+                    EXPECT_EQ(copytest::pixels(b), want);
+                    Z_FreeBitmap(&b);
+                    return r == ST_OK;
+                });
         }
     }
 }
@@ -116,12 +115,12 @@ TEST(MemoryInfo, TilesMoveBetweenMemoryAndDiskInPlace) {
         uint32_t mem, max_mapped, mapped, mask;
         uint32_t want_mem, want_max, want_mapped;
     } steps[] = {
-        {6, 0, 0, 8, 6, 0, 0},          // everything into memory
+        {6, 0, 0, 8, 6, 0, 0},            // everything into memory
         {0, 3, 2, 8 | 16 | 32, 0, 3, 2},  // everything onto disk, two views
         {2, 9, 9, 8 | 16 | 32, 2, 4, 4},  // clamped to the disk tiles there are
-        {100, 0, 0, 8, 6, 0, 0},        // clamped to the tile count
-        {1, 1, 0, 8 | 16, 1, 1, 0},     // mapped count kept (0), within the new limit
-        {1, 5, 3, 16 | 32, 1, 5, 3},    // only the views change
+        {100, 0, 0, 8, 6, 0, 0},          // clamped to the tile count
+        {1, 1, 0, 8 | 16, 1, 1, 0},       // mapped count kept (0), within the new limit
+        {1, 5, 3, 16 | 32, 1, 5, 3},      // only the views change
     };
     for (const Step& s : steps) {
         SCOPED_TRACE(testing::Message() << "mem " << s.mem << " mask " << s.mask);
@@ -195,35 +194,32 @@ TEST(MemoryInfo, FailureAtEveryStepLeavesTheBitmapWhole) {
         Kind from;
         uint32_t type, tile_rows, mem, mask;
     } ops[] = {
-        {"to memory tiles", Kind::TiledDisk, 0, 0, 6, 8},
-        {"to disk tiles", Kind::TiledMemory, 0, 0, 0, 8 | 16},
-        {"to disk", Kind::Conventional, TYPE_DISK, 0, 0, 1},
-        {"to tiles", Kind::Disk, TYPE_TILED, 3, 1, 1 | 2 | 8},
+        {"to memory tiles", Kind::TiledDisk, 0, 0, 6, 8},         {"to disk tiles", Kind::TiledMemory, 0, 0, 0, 8 | 16},
+        {"to disk", Kind::Conventional, TYPE_DISK, 0, 0, 1},      {"to tiles", Kind::Disk, TYPE_TILED, 3, 1, 1 | 2 | 8},
         {"to conventional", Kind::TiledDisk, TYPE_CONV, 0, 0, 1},
     };
     for (const Op& op : ops) {
         SCOPED_TRACE(op.name);
-        zktest::sweep_faults({FaultKind::Allocation, FaultKind::Mapping, FaultKind::File}, 300,
-                             [&](FaultKind kind, int n) {
-                                 BitmapHandle b = copytest::make_filled(op.from, 21, 11, 16, 51);
-                                 const BitmapHandle before = b;
-                                 const std::vector<uint8_t> want = copytest::pixels(b);
-                                 const st::TileTable* t = st::tile_table(b);
-                                 const uint32_t mem_before = t ? t->MemTiles : 0;
-                                 const int32_t r = zktest::under_fault(kind, n, [&] {
-                                     return Z_SetBitmapMemoryInfo(&b, op.type, op.tile_rows * b.BytesPerLine, 0,
-                                                                  op.mem, 1, 1, op.mask);
-                                 });
-                                 if (r != ST_OK) {
-                                     EXPECT_EQ(std::memcmp(&b, &before, sizeof b), 0);
-                                     if (t) {
-                                         EXPECT_EQ(st::tile_table(b)->MemTiles, mem_before);
-                                     }
-                                 }
-                                 EXPECT_EQ(copytest::pixels(b), want);
-                                 Z_FreeBitmap(&b);
-                                 return r == ST_OK;
-                             });
+        zktest::sweep_faults(
+            {FaultKind::Allocation, FaultKind::Mapping, FaultKind::File}, 300, [&](FaultKind kind, int n) {
+                BitmapHandle b = copytest::make_filled(op.from, 21, 11, 16, 51);
+                const BitmapHandle before = b;
+                const std::vector<uint8_t> want = copytest::pixels(b);
+                const st::TileTable* t = st::tile_table(b);
+                const uint32_t mem_before = t ? t->MemTiles : 0;
+                const int32_t r = zktest::under_fault(kind, n, [&] {
+                    return Z_SetBitmapMemoryInfo(&b, op.type, op.tile_rows * b.BytesPerLine, 0, op.mem, 1, 1, op.mask);
+                });
+                if (r != ST_OK) {
+                    EXPECT_EQ(std::memcmp(&b, &before, sizeof b), 0);
+                    if (t) {
+                        EXPECT_EQ(st::tile_table(b)->MemTiles, mem_before);
+                    }
+                }
+                EXPECT_EQ(copytest::pixels(b), want);
+                Z_FreeBitmap(&b);
+                return r == ST_OK;
+            });
     }
 }
 

@@ -83,7 +83,7 @@ TEST(OsFile, OpenAndCreateFlagsDecideTruncationAndAccess) {
     EXPECT_EQ(Z_OsOpen(name.c_str(), Z_O_RDWR, 0, nullptr), Z_INVALID_FILE);
     EXPECT_EQ(Z_OsOpen(name.c_str(), Z_O_RDWR | Z_O_TRUNC, 0, nullptr), Z_INVALID_FILE);
     struct Case {
-        bool creat;     // Z_OsCreat with `flags` as its mode, else Z_OsOpen
+        bool creat;  // Z_OsCreat with `flags` as its mode, else Z_OsOpen
         int32_t flags;
         int64_t size_after_open;
         bool writable, readable;
@@ -94,8 +94,8 @@ TEST(OsFile, OpenAndCreateFlagsDecideTruncationAndAccess) {
         {false, Z_O_RDWR | Z_O_TRUNC, 0, true, true},
         {false, Z_O_RDWR | Z_O_CREAT, 0, true, true},  // always creates, replacing
         {false, Z_O_WRONLY | Z_O_CREAT | Z_O_TRUNC, 0, true, false},
-        {true, 0, 0, true, true},                      // created again: replaced
-        {true, Z_CREAT_HIDDEN_ATTR, 0, false, true},   // mode bit 1: read only
+        {true, 0, 0, true, true},                     // created again: replaced
+        {true, Z_CREAT_HIDDEN_ATTR, 0, false, true},  // mode bit 1: read only
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.creat << " " << c.flags);
@@ -103,7 +103,8 @@ TEST(OsFile, OpenAndCreateFlagsDecideTruncationAndAccess) {
         ASSERT_NE(f, Z_INVALID_FILE);
         ASSERT_EQ(Z_OsWrite(f, "0123456789", 10, nullptr), 10);
         ASSERT_EQ(Z_OsClose(f, nullptr), 0);
-        f = c.creat ? Z_OsCreat(name.c_str(), c.flags) : Z_OsOpen(name.c_str(), c.flags, Z_S_IREAD | Z_S_IWRITE, nullptr);
+        f = c.creat ? Z_OsCreat(name.c_str(), c.flags)
+                    : Z_OsOpen(name.c_str(), c.flags, Z_S_IREAD | Z_S_IWRITE, nullptr);
         ASSERT_NE(f, Z_INVALID_FILE);
         EXPECT_EQ(Z_OsSeek(f, 0, 2, nullptr), c.size_after_open);
         EXPECT_EQ(Z_OsSeek(f, 0, 0, nullptr), 0);
@@ -178,11 +179,10 @@ TEST(OsFile, BadInputTable) {
         {"redirected open null name", Z_RedirectedOpen(nullptr, Z_O_RDONLY, 0), -1},
         {"redirected read bad handle", Z_RedirectedRead(-1, &byte, 1), -1},
         {"redirected close bad handle", Z_RedirectedClose(-1), -1},
-        {"filter all null", Z_FilterIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                       nullptr, nullptr),
-         ST_OK},
-        {"get filter all null", Z_GetFilterIOData(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                                  nullptr, nullptr, nullptr),
+        {"filter all null",
+         Z_FilterIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), ST_OK},
+        {"get filter all null",
+         Z_GetFilterIOData(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
          ST_OK},
     };
     for (const auto& c : cases) EXPECT_EQ(c.got, c.want) << c.what;
@@ -249,9 +249,8 @@ TEST(TempDirectory, SeparatorAndLengthRules) {
         int32_t want;
         size_t stored_length;
     } cases[] = {
-        {1, true, ST_OK, 1},          {5, false, ST_OK, 6},
-        {258, false, ST_OK, 259},     {259, true, ST_OK, 259},
-        {259, false, ST_BAD_PARAM, 0}, {260, true, ST_BAD_PARAM, 0},
+        {1, true, ST_OK, 1},           {5, false, ST_OK, 6},          {258, false, ST_OK, 259},
+        {259, true, ST_OK, 259},       {259, false, ST_BAD_PARAM, 0}, {260, true, ST_BAD_PARAM, 0},
         {1000, true, ST_BAD_PARAM, 0},
     };
     for (const auto& c : cases) {
@@ -342,8 +341,8 @@ TEST(Redirect, InstalledRoutinesGetTheirUserDataAndResetRestoresOwn) {
     EXPECT_EQ(Z_RedirectedWrite(42, buf, 3), 8);
     EXPECT_EQ(Z_RedirectedSeek(42, -5, 2), int64_t{1} << 33);
     EXPECT_EQ(Z_RedirectedClose(42), 0);
-    EXPECT_EQ(log.calls, (std::vector<std::string>{"open 258 384", "read 42 4", "write 42 3", "seek 42 -5 2",
-                                                   "close 42"}));
+    EXPECT_EQ(log.calls,
+              (std::vector<std::string>{"open 258 384", "read 42 4", "write 42 3", "seek 42 -5 2", "close 42"}));
     EXPECT_EQ(log.users, std::vector<void*>(5, &token));
 
     // A null routine means the library's own, each one separately.
@@ -406,8 +405,7 @@ TEST(Redirect, FilterChainsOntoPreviousRoutinesAndRestoresThem) {
     void* user_write = &filter;
     Z_OPENPROC open = nullptr;  // null: keep, but report the current one
     void* user_open = &base_user;
-    ASSERT_EQ(Z_FilterIO(&open, nullptr, &write, nullptr, nullptr, &user_open, nullptr, &user_write, nullptr,
-                         nullptr),
+    ASSERT_EQ(Z_FilterIO(&open, nullptr, &write, nullptr, nullptr, &user_open, nullptr, &user_write, nullptr, nullptr),
               ST_OK);
     EXPECT_EQ(open, rec_open);
     EXPECT_EQ(user_open, &base_user);
@@ -432,17 +430,16 @@ TEST(Redirect, FilterChainsOntoPreviousRoutinesAndRestoresThem) {
     // Restoring: hand the saved values back through the same exchange.
     Z_WRITEPROC restore = write;
     void* restore_user = user_write;
-    ASSERT_EQ(Z_FilterIO(nullptr, nullptr, &restore, nullptr, nullptr, nullptr, nullptr, &restore_user, nullptr,
-                         nullptr),
-              ST_OK);
+    ASSERT_EQ(
+        Z_FilterIO(nullptr, nullptr, &restore, nullptr, nullptr, nullptr, nullptr, &restore_user, nullptr, nullptr),
+        ST_OK);
     EXPECT_EQ(restore, counting_write);
     EXPECT_EQ(restore_user, &filter);
     EXPECT_EQ(current_routines(), before);
 
     // A user word passed as null still replaces.
     void* null_user = nullptr;
-    ASSERT_EQ(Z_FilterIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                         &null_user),
+    ASSERT_EQ(Z_FilterIO(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &null_user),
               ST_OK);
     EXPECT_EQ(null_user, &base_user);
     EXPECT_EQ(current_routines().user[4], nullptr);
@@ -676,8 +673,7 @@ TEST(BufferRedirect, RandomOperationsMatchModel) {
                     known.resize(pos + count);
                 }
                 std::copy(bytes.begin(), bytes.end(), model.begin() + static_cast<long>(pos));
-                std::fill(known.begin() + static_cast<long>(pos), known.begin() + static_cast<long>(pos + count),
-                          true);
+                std::fill(known.begin() + static_cast<long>(pos), known.begin() + static_cast<long>(pos + count), true);
                 pos += count;
                 ASSERT_EQ(rec->Size % 0x8000, 0u);
                 ASSERT_GE(rec->Size, pos);
@@ -699,8 +695,9 @@ TEST(BufferRedirect, RandomOperationsMatchModel) {
             } else {
                 const int32_t origin = static_cast<int32_t>(rng() % 4);  // 3 is no origin
                 const int64_t offset = static_cast<int64_t>(rng() % 8000) - 2000;
-                const int64_t base = origin == 0 ? 0 : origin == 1 ? static_cast<int64_t>(pos)
-                                                                   : static_cast<int64_t>(model.size());
+                const int64_t base = origin == 0   ? 0
+                                     : origin == 1 ? static_cast<int64_t>(pos)
+                                                   : static_cast<int64_t>(model.size());
                 const int64_t got = Z_RedirectedSeek(Z_REDIRECT_HANDLE, offset, origin);
                 if (origin == 3 || base + offset < 0) {
                     ASSERT_EQ(got, -1);

@@ -25,8 +25,7 @@ int32_t Z_API hook_mirror(BitmapHandle* b) {
     return -77;
 }
 int32_t Z_API hook_size(BitmapHandle* b, int32_t w, int32_t h) {
-    g_calls->push_back("6 " + std::to_string(b ? b->Width : -1) + " " + std::to_string(w) + " " +
-                       std::to_string(h));
+    g_calls->push_back("6 " + std::to_string(b ? b->Width : -1) + " " + std::to_string(w) + " " + std::to_string(h));
     return -66;
 }
 int32_t Z_API hook_kind(BitmapHandle*, int32_t* answer) {

@@ -36,9 +36,9 @@ Defaults read_defaults() {
     wchar_t dir[Z_MAX_PATH] = {};
     EXPECT_EQ(Z_GetTempDirectory(dir), ST_OK);
     d.temp_dir = dir;
-    EXPECT_EQ(Z_GetFilterIOData(&d.open, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                nullptr),
-              ST_OK);
+    EXPECT_EQ(
+        Z_GetFilterIOData(&d.open, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
+        ST_OK);
     d.status = Z_GetStatusCallBack(nullptr);
     d.copy_status = Z_GetCopyStatusCallBack(nullptr);
     d.font = Z_VecGetSubstituteFontCallback(nullptr);
@@ -361,7 +361,7 @@ TEST(Memory, ReallocationKeepsContentsAndZeroesGrowthWhereAsked) {
     struct Case {
         size_t first, second;
         int how;  // 0: heap, 1: movable, 2: movable with zeroed growth
-    } cases[] = {{16, 4096, 0}, {4096, 16, 0}, {1, 1, 1},        {16, 4096, 2},
+    } cases[] = {{16, 4096, 0}, {4096, 16, 0},     {1, 1, 1},  {16, 4096, 2},
                  {4096, 16, 2}, {1000, 100000, 2}, {0, 64, 2}, {100, 5000, 1}};
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.first << " -> " << c.second << " how " << c.how);
@@ -404,7 +404,7 @@ TEST(Memory, FailedOrImpossibleAllocationsGiveNullAndKeepTheOldBlock) {
     using zk::platform::FaultKind;
     const size_t impossible[] = {SIZE_MAX, SIZE_MAX - 8, SIZE_MAX / 2 + 1};
     void* (*const allocs[])(size_t) = {[](size_t n) { return Z_Malloc(n); }, [](size_t n) { return Z_OsAlloc(n); },
-                                        [](size_t n) { return Z_OsAllocInit(n, 1); }};
+                                       [](size_t n) { return Z_OsAllocInit(n, 1); }};
     for (auto alloc : allocs) {
         EXPECT_EQ(zktest::under_fault(FaultKind::Allocation, 1, [&] { return alloc(64); }), nullptr);
         for (size_t n : impossible) EXPECT_EQ(alloc(n), nullptr) << n;

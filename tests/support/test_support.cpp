@@ -12,8 +12,8 @@ PrivateTempDir::PrivateTempDir() {
     fs::path root = base && *base ? fs::path(base) : fs::temp_directory_path() / "zk_test_tmp";
     static int counter = 0;
     const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    std::string leaf = std::string(info ? info->name() : "t") + "_" + std::to_string(::getpid()) + "_" +
-                       std::to_string(counter++);
+    std::string leaf =
+        std::string(info ? info->name() : "t") + "_" + std::to_string(::getpid()) + "_" + std::to_string(counter++);
     for (auto& c : leaf)
         if (c == '/') c = '_';
     fs::path dir = root / leaf;
@@ -39,9 +39,7 @@ std::vector<std::string> PrivateTempDir::files() const {
     return out;
 }
 
-FaultScope::FaultScope(zk::platform::FaultKind kind, int nth) : kind_(kind) {
-    zk::platform::inject_failure(kind, nth);
-}
+FaultScope::FaultScope(zk::platform::FaultKind kind, int nth) : kind_(kind) { zk::platform::inject_failure(kind, nth); }
 
 FaultScope::~FaultScope() { zk::platform::inject_failure(kind_, 0); }
 
