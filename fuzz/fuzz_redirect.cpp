@@ -6,25 +6,11 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "zkernel.h"
 
-namespace {
-
-void check(bool ok) {
-    if (!ok) __builtin_trap();
-}
-
-struct Reader {
-    const uint8_t* p;
-    size_t n;
-    uint32_t take(int bytes) {
-        uint32_t v = 0;
-        for (int i = 0; i < bytes && n; ++i, ++p, --n) v = (v << 8) | *p;
-        return v;
-    }
-};
-
-}  // namespace
+using zkfuzz::check;
+using zkfuzz::Reader;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1) return 0;

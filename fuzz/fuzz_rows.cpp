@@ -8,23 +8,13 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "zkernel.h"
 
 namespace {
 
-void check(bool ok) {
-    if (!ok) __builtin_trap();
-}
-
-struct Reader {
-    const uint8_t* p;
-    size_t n;
-    uint32_t take(int bytes) {
-        uint32_t v = 0;
-        for (int i = 0; i < bytes && n; ++i, ++p, --n) v = (v << 8) | *p;
-        return v;
-    }
-};
+using zkfuzz::check;
+using zkfuzz::Reader;
 
 constexpr int32_t kDepths[] = {1, 2, 3, 4, 5, 6, 7, 8, 12, 16, 24, 32, 48, 64};
 

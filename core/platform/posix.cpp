@@ -195,13 +195,16 @@ FileHandle file_open(const std::string& path, const OpenOptions& o) {
     return fd;
 }
 
-std::int64_t file_read(FileHandle file, void* buffer, std::size_t count) {
+namespace {
+// Moves all `count` bytes unless the file ends or fails: read(2) and write(2)
+// may move fewer bytes than asked or be interrupted.
+template <typename Call, typename Byte>
+std::int64_t move_all(FileHandle file, Byte* p, std::size_t count, Call call) {
     if (file < 0) return -1;
     if (should_fail(FaultKind::File)) return -1;
-    auto* p = static_cast<unsigned char*>(buffer);
     std::size_t done = 0;
     while (done < count) {
-        ssize_t n = ::read(static_cast<int>(file), p + done, count - done);
+        ssize_t n = call(static_cast<int>(file), p + done, count - done);
         if (n < 0) {
             if (errno == EINTR) continue;
             return -1;
@@ -211,22 +214,16 @@ std::int64_t file_read(FileHandle file, void* buffer, std::size_t count) {
     }
     return static_cast<std::int64_t>(done);
 }
+}  // namespace
+
+std::int64_t file_read(FileHandle file, void* buffer, std::size_t count) {
+    return move_all(file, static_cast<unsigned char*>(buffer), count,
+                    [](int fd, unsigned char* p, std::size_t n) { return ::read(fd, p, n); });
+}
 
 std::int64_t file_write(FileHandle file, const void* buffer, std::size_t count) {
-    if (file < 0) return -1;
-    if (should_fail(FaultKind::File)) return -1;
-    auto* p = static_cast<const unsigned char*>(buffer);
-    std::size_t done = 0;
-    while (done < count) {
-        ssize_t n = ::write(static_cast<int>(file), p + done, count - done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return -1;
-        }
-        if (n == 0) break;
-        done += static_cast<std::size_t>(n);
-    }
-    return static_cast<std::int64_t>(done);
+    return move_all(file, static_cast<const unsigned char*>(buffer), count,
+                    [](int fd, const unsigned char* p, std::size_t n) { return ::write(fd, p, n); });
 }
 
 std::int64_t file_seek(FileHandle file, std::int64_t offset, int origin) {
