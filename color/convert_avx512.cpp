@@ -179,53 +179,59 @@ void bgr32_to_bgr24(uint8_t* row, uint32_t width) {
 }
 
 // 48 -> 24 bits, the high byte of each channel: 64 pixels per group,
-// forwards. The high bytes are gathered in source order; where red and blue
-// change places that order is swapped in the registers (a swapped output
-// register reads source bytes 131 apart, more than one permute sees).
+// forwards. Output register K holds the high bytes of source bytes 128K to
+// 128K + 127. A load one byte further on puts the high bytes of the first 64
+// of them in its even bytes; a bitwise select takes those and the odd (high)
+// bytes of the next 64, and one single-register permute puts them in order
+// (two-register permutes cost twice as much). Where red and blue change
+// places that order is swapped in the registers (a swapped output register
+// reads high bytes 131 apart, more than one permute sees).
 template <bool Swap>
 void bgr48_to_bgr24(uint8_t* row, uint32_t width) {
-    constexpr auto high = [](int q) { return 2 * q + 1; };
-    static constexpr Index k0 = window_index<0, 0>(high), k1 = window_index<1, 128>(high),
-                           k2 = window_index<2, 256>(high);
+    static constexpr Index kOrder = make_index([](int j) { return j < 32 ? 2 * j : 2 * (j - 32) + 1; });
     static constexpr Index s0 = window_index<0, 0>(swapped), s1 = window_index<1, 0>(swapped),
                            s1_last = window_index<1, 128>(swapped), s2 = window_index<2, 64>(swapped);
     forwards<64>(width, aligned_start(row, 3), [row](uint32_t i, uint32_t n) ZK_GROUP {
         const uint8_t* s = row + 6 * size_t{i};
         uint8_t* d = row + 3 * size_t{i};
         const size_t in = 6 * size_t{n}, out = 3 * size_t{n};
-        __m512i r[6];
-        for (int k = 0; k < 6; ++k) r[k] = load_in(s, 64 * size_t(k), in);
-        __m512i h0 = _mm512_permutex2var_epi8(r[0], load(k0), r[1]);
-        __m512i h1 = _mm512_permutex2var_epi8(r[2], load(k1), r[3]);
-        __m512i h2 = _mm512_permutex2var_epi8(r[4], load(k2), r[5]);
-        if constexpr (Swap) {
-            // Output register 1 takes byte 63 from h0 and byte 128 from h2.
-            const __m512i o1 = _mm512_mask_permutexvar_epi8(_mm512_permutex2var_epi8(h0, load(s1), h1),
-                                                            __mmask64{1} << 62, load(s1_last), h2);
-            h0 = _mm512_permutex2var_epi8(h0, load(s0), h1);
-            h2 = _mm512_permutex2var_epi8(h1, load(s2), h2);
-            h1 = o1;
+        const __m512i even = _mm512_set1_epi16(0x00FF);
+        __m512i h[3];
+        for (int k = 0; k < 3; ++k) {
+            const size_t at = 128 * size_t(k);
+            // Even bytes from the shifted load, odd bytes from the next 64.
+            h[k] = _mm512_permutexvar_epi8(
+                load(kOrder), _mm512_ternarylogic_epi32(even, load_in(s, at + 1, in), load_in(s, at + 64, in), 0xCA));
         }
-        store_in(d, 0, out, h0);
-        store_in(d, 64, out, h1);
-        store_in(d, 128, out, h2);
+        if constexpr (Swap) {
+            // Output register 1 takes byte 63 from h[0] and byte 128 from h[2].
+            const __m512i o1 = _mm512_mask_permutexvar_epi8(_mm512_permutex2var_epi8(h[0], load(s1), h[1]),
+                                                            __mmask64{1} << 62, load(s1_last), h[2]);
+            h[0] = _mm512_permutex2var_epi8(h[0], load(s0), h[1]);
+            h[2] = _mm512_permutex2var_epi8(h[1], load(s2), h[2]);
+            h[1] = o1;
+        }
+        store_in(d, 0, out, h[0]);
+        store_in(d, 64, out, h[1]);
+        store_in(d, 128, out, h[2]);
     });
 }
 
 // 24 bits -> 8-bit gray, 64 pixels per group, forwards. Sixteen pixels at
-// a time are permuted into 32-bit lanes (channel 0, 1, 2, 0) and one dot
-// product of bytes per lane gives 4 + 2R + 5G + B (below 2^11). The four
-// registers of a group, each shifted so that its gray level (bits 3-10)
-// lands in its own byte of the lane, are merged by bitwise selects: lane k
-// then holds pixels k, 16 + k, 32 + k, 48 + k, which a last permute puts in
-// order.
+// a time are permuted into 32-bit lanes (channel 0, 1, 2, 1) and one dot
+// product of bytes per lane gives 32 * (4 + 2R + 5G + B), below 2^16, whose
+// byte 1 is the gray level (green is repeated because its weight, 160, does
+// not fit a signed byte). The four registers of a group, three of them
+// shifted so that each gray level lands in its own byte of the lane, are
+// merged by bitwise selects: lane k then holds pixels k, 16 + k, 32 + k,
+// 48 + k, which a last permute puts in order.
 // Sixteen pixels from byte Skip of the 64 bytes read at `at`.
 template <bool RedFirst, int Skip>
 inline __m512i gray_lanes(const uint8_t* s, size_t at, size_t in) {
-    static constexpr Index kExpand = make_index([](int j) { return Skip + (j % 4 == 3 ? 0 : 3 * (j / 4) + j % 4); });
-    // Weights of channel bytes 0, 1, 2 and of the repeated byte 0.
-    constexpr int32_t kWeights = RedFirst ? 0x00010502 : 0x00020501;
-    return _mm512_dpbusd_epi32(_mm512_set1_epi32(4), _mm512_permutexvar_epi8(load(kExpand), load_in(s, at, in)),
+    static constexpr Index kExpand = make_index([](int j) { return Skip + 3 * (j / 4) + (j % 4 == 3 ? 1 : j % 4); });
+    // Weights of channel bytes 0, 1, 2 and of the repeated byte 1.
+    constexpr int32_t kWeights = RedFirst ? 0x50205040 : 0x50405020;
+    return _mm512_dpbusd_epi32(_mm512_set1_epi32(4 * 32), _mm512_permutexvar_epi8(load(kExpand), load_in(s, at, in)),
                                _mm512_set1_epi32(kWeights));
 }
 
@@ -238,13 +244,13 @@ void bgr24_to_gray8(uint8_t* row, uint32_t width) {
         // The last sixteen pixels are read with the group's last 64 bytes.
         const __m512i v0 = gray_lanes<RedFirst, 0>(s, 0, in), v1 = gray_lanes<RedFirst, 0>(s, 48, in),
                       v2 = gray_lanes<RedFirst, 0>(s, 96, in), v3 = gray_lanes<RedFirst, 16>(s, 128, in);
-        // v >> 3 in byte 0, v << 5 in byte 1, v << 13 in byte 2, v << 21 in byte 3.
-        const __m512i b01 = _mm512_ternarylogic_epi32(_mm512_set1_epi32(0x000000FF), _mm512_srli_epi32(v0, 3),
-                                                      _mm512_slli_epi32(v1, 5), 0xCA);
-        const __m512i b23 = _mm512_ternarylogic_epi32(_mm512_set1_epi32(0x00FF0000), _mm512_slli_epi32(v2, 13),
-                                                      _mm512_slli_epi32(v3, 21), 0xCA);
-        const __m512i lanes = _mm512_ternarylogic_epi32(_mm512_set1_epi32(0x0000FFFF), b01, b23, 0xCA);
-        store_in(row + i, 0, n, _mm512_permutexvar_epi8(load(kOrder), lanes));
+        // Bytes 2 and 3 of each lane are 0; byte 0 holds low bits. v0 >> 8
+        // gives byte 0, v1 byte 1, v2 << 8 byte 2 and v3 << 16 byte 3.
+        const __m512i b01 =
+            _mm512_ternarylogic_epi32(_mm512_set1_epi32(0x000000FF), _mm512_srli_epi32(v0, 8), v1, 0xCA);
+        const __m512i b23 = _mm512_ternarylogic_epi32(_mm512_set1_epi32(0x00FF0000), _mm512_slli_epi32(v2, 8),
+                                                      _mm512_slli_epi32(v3, 16), 0xCA);
+        store_in(row + i, 0, n, _mm512_permutexvar_epi8(load(kOrder), _mm512_or_si512(b01, b23)));
     });
 }
 
@@ -435,9 +441,13 @@ bool run_fast_path_avx512(const Plan& plan, uint8_t* row) {
 namespace zk {
 
 bool avx512_kernels_usable() {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-           __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vnni");
+    // Asked once per process: the answer cannot change, and every conversion asks.
+    static const bool usable = [] {
+        __builtin_cpu_init();
+        return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+               __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vnni");
+    }();
+    return usable;
 }
 
 }  // namespace zk

@@ -334,6 +334,28 @@ TEST(ConvertSweeps, AllByteValues) {
     }
 }
 
+// Every 24-bit colour to gray in both channel orders, 4,096 colours a row:
+// the largest dot products and every rounding case of (2R + 5G + B + 4) >> 3.
+TEST(ConvertSweeps, EveryColourToGray) {
+    constexpr uint32_t kRow = 4096;
+    Bytes row(3 * kRow);
+    for (uint32_t order : {CO_RGB, CO_BGR})
+        for (uint32_t first = 0; first < (1u << 24); first += kRow) {
+            for (uint32_t k = 0; k < kRow; ++k) {
+                const uint32_t c = first + k;
+                row[3 * k] = static_cast<uint8_t>(c);
+                row[3 * k + 1] = static_cast<uint8_t>(c >> 8);
+                row[3 * k + 2] = static_cast<uint8_t>(c >> 16);
+            }
+            ASSERT_EQ(convert(row, kRow, {24, 0, static_cast<int32_t>(order), CO_BGR}), ST_OK);
+            for (uint32_t k = 0; k < kRow; ++k) {
+                const uint32_t c = first + k, lo = c & 255, mid = c >> 8 & 255, hi = c >> 16;
+                const uint32_t want = order == CO_RGB ? zk::gray8(lo, mid, hi) : zk::gray8(hi, mid, lo);
+                if (row[k] != want) FAIL() << "colour " << c << " order " << order;
+            }
+        }
+}
+
 TEST(ConvertSweeps, All555Values) {
     for (uint32_t order : {CO_RGB, CO_BGR}) {
         Bytes row(2 * 32768);
