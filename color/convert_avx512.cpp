@@ -256,15 +256,25 @@ void bgr24_to_gray8(uint8_t* row, uint32_t width) {
 
 // 24 -> 16 bits 5-5-5, 64 pixels per group, forwards. Lanes hold (low-field
 // channel, green) and (0, high-field channel); shifts put each channel's top
-// five bits in place and two bitwise selects merge them.
-template <bool Swap, int Base>
-inline __m512i bgr555_words(__m512i a, __m512i b) {
+// five bits in place and two bitwise selects merge them. The 32 pixels of an
+// output register lie in 96 source bytes, read as bytes 0-63 (pixels 0-20)
+// and 32-95 (pixels 21-31): two single-register permutes per lane register
+// cost less than one two-register permute.
+template <bool Swap>
+inline __m512i bgr555_words(__m512i x, __m512i y) {
     // Without Swap byte 0 of a pixel goes to bits 0-4 and byte 2 to 10-14.
     constexpr int kLow = Swap ? 2 : 0, kHigh = Swap ? 0 : 2;
-    static constexpr Index kLowGreen = make_index([](int j) { return Base + 3 * (j / 2) + (j % 2 == 0 ? kLow : 1); });
-    static constexpr Index kHighField = make_index([](int j) { return Base + 3 * (j / 2) + kHigh; });
-    const __m512i lg = _mm512_permutex2var_epi8(a, load(kLowGreen), b);
-    const __m512i hi = _mm512_maskz_permutex2var_epi8(kOddBytes, a, load(kHighField), b);
+    constexpr auto low_green = [](int j) { return 3 * (j / 2) + (j % 2 == 0 ? kLow : 1); };
+    constexpr auto high_field = [](int j) { return 3 * (j / 2) + kHigh; };
+    static constexpr Index kLowGreenX = make_index([low_green](int j) { return j < 42 ? low_green(j) : 0; }),
+                           kLowGreenY = make_index([low_green](int j) { return j < 42 ? 0 : low_green(j) - 32; }),
+                           kHighX = make_index([high_field](int j) { return j < 42 ? high_field(j) : 0; }),
+                           kHighY = make_index([high_field](int j) { return j < 42 ? 0 : high_field(j) - 32; });
+    constexpr __mmask64 kFromY = ~((__mmask64{1} << 42) - 1);
+    const __m512i lg =
+        _mm512_mask_permutexvar_epi8(_mm512_permutexvar_epi8(load(kLowGreenX), x), kFromY, load(kLowGreenY), y);
+    const __m512i hi = _mm512_mask_permutexvar_epi8(_mm512_maskz_permutexvar_epi8(kOddBytes & ~kFromY, load(kHighX), x),
+                                                    kOddBytes & kFromY, load(kHighY), y);
     // Bits 0-4 from lg >> 3, bits 5-9 from lg >> 6 (whose bits 10-15 are 0),
     // then bits 10-14 from hi >> 1.
     const __m512i low_mid =
@@ -274,12 +284,14 @@ inline __m512i bgr555_words(__m512i a, __m512i b) {
 
 template <bool Swap>
 void bgr24_to_bgr555(uint8_t* row, uint32_t width) {
-    forwards<64>(width, aligned_start(row, 2), [row](uint32_t i, uint32_t n) ZK_GROUP {
+    // Groups placed so that their source starts a cache line: the four
+    // loads cost more than the two stores when they straddle lines.
+    forwards<64>(width, aligned_start(row, 3), [row](uint32_t i, uint32_t n) ZK_GROUP {
         const uint8_t* s = row + 3 * size_t{i};
         uint8_t* d = row + 2 * size_t{i};
         const size_t in = 3 * size_t{n}, out = 2 * size_t{n};
-        const __m512i a = load_in(s, 0, in), b = load_in(s, 64, in), c = load_in(s, 128, in);
-        const __m512i w0 = bgr555_words<Swap, 0>(a, b), w1 = bgr555_words<Swap, 32>(b, c);
+        const __m512i w0 = bgr555_words<Swap>(load_in(s, 0, in), load_in(s, 32, in));
+        const __m512i w1 = bgr555_words<Swap>(load_in(s, 96, in), load_in(s, 128, in));
         store_in(d, 0, out, w0);
         store_in(d, 64, out, w1);
     });
