@@ -64,6 +64,7 @@ extern "C" {
 #define ST_BAD_STRUCT_SIZE (-789)
 #define ST_NO_BITMAP (-814)
 #define ST_SIGNED_DATA (-1360)
+#define ST_TOO_LARGE (-1370)
 
 /* ---------------------------------------------------------------------------
  * BitmapHandle flags (Flags field)
