@@ -14,12 +14,17 @@ extern "C" int32_t Z_API Z_InitBitmap(BitmapHandle* bitmap, int32_t structSize, 
     if (width == 0 && height == 0 && bitsPerPixel == 0) return ST_OK;
     if (!zk::valid_depth(bitsPerPixel)) return ST_BAD_BPP;
 
+    // Dimensions whose row length or size do not fit are refused here, so
+    // that no record describes an image its sizes cannot hold.
+    const zk::ImageSize size = zk::image_size(width, height, bitsPerPixel);
+    if (size.status != ST_OK) return size.status;
+
     const zk::ThreadState& s = zk::thread_state();
-    bitmap->BytesPerLine = zk::bytes_per_line(width, bitsPerPixel);
+    bitmap->BytesPerLine = size.bytes_per_line;
     bitmap->Width = width;
     bitmap->Height = height;
     bitmap->BitsPerPixel = bitsPerPixel;
-    bitmap->Size = static_cast<size_t>(bitmap->BytesPerLine) * static_cast<uint32_t>(height);
+    bitmap->Size = size.size;
     bitmap->DitherMethod = s.dither_method;
     bitmap->ViewPerspective = VP_BOTTOM_LEFT;
     if (bitsPerPixel < 9) {

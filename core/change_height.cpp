@@ -1,7 +1,7 @@
 // Changing a bitmap's height in place, for every storage kind: conventional
 // mappings are re-mapped, global blocks reallocated, disk files resized and
-// tiles added or dropped. Rows below the
-// new height are dropped; rows added at the bottom are zero.
+// tiles added or dropped. Rows below the new height are dropped; rows added
+// at the bottom are zero.
 #include <algorithm>
 #include <cstring>
 
@@ -111,7 +111,12 @@ int32_t change_tiled_height(BitmapHandle& b, int32_t height) {
             std::memcpy(edge_map.view, e[edge].view, std::min(edge_old, edge_new));
         } else {
             st::set_mapped_count(b, 0);
-            if (!pf::file_set_size(static_cast<pf::FileHandle>(e[edge].file), edge_new)) {
+            const auto file = static_cast<pf::FileHandle>(e[edge].file);
+            // Growth reserves its blocks: a mapped tile must never meet a full disk.
+            const bool done =
+                edge_new > edge_old ? pf::file_reserve(file, edge_new) : pf::file_set_size(file, edge_new);
+            if (!done) {
+                if (edge_new > edge_old) pf::file_set_size(file, edge_old);
                 discard(added);
                 return ST_NO_MEMORY;
             }
@@ -154,15 +159,20 @@ int32_t change_global_height(BitmapHandle& b, size_t new_size) {
     return ST_OK;
 }
 
-// Disk storage: the file is cut to the rows that survive, then extended with
-// zeros to the new size and the one byte past the pixels it has from its
-// allocation. Once a shrinking cut is made the change stands; the trailing
-// byte is not needed to reach any row.
+// Disk storage: the file is set to the new size. Growth reserves the new
+// blocks first (zeros), so a full disk or the file-size limit is a status
+// here and the file keeps its length and rows.
 int32_t change_disk_height(BitmapHandle& b, size_t new_size) {
     const auto file = static_cast<pf::FileHandle>(reinterpret_cast<intptr_t>(b.DataHandle));
-    const bool shrinking = new_size < b.Size;
-    if (!pf::file_set_size(file, std::min(b.Size, new_size))) return ST_NO_MEMORY;
-    if (!pf::file_set_size(file, static_cast<uint64_t>(new_size) + 1) && !shrinking) return ST_NO_MEMORY;
+    if (new_size > b.Size) {
+        const auto old_length = pf::file_seek(file, 0, 2);
+        if (old_length < 0) return ST_NO_MEMORY;
+        if (!pf::file_reserve(file, new_size)) {
+            pf::file_set_size(file, static_cast<uint64_t>(old_length));
+            return ST_NO_MEMORY;
+        }
+    }
+    if (!pf::file_set_size(file, new_size)) return ST_NO_MEMORY;
     b.Size = new_size;
     return ST_OK;
 }
@@ -181,7 +191,7 @@ extern "C" int32_t Z_API Z_ChangeBitmapHeight(BitmapHandle* bitmap, int32_t heig
     if (bitmap->Flags & (BF_COMPRESSED | BF_SUPERCOMPRESSED)) return ST_BAD_PARAM;
 
     const uint64_t wanted = static_cast<uint64_t>(bitmap->BytesPerLine) * static_cast<uint32_t>(height);
-    if (wanted > SIZE_MAX - 64) return ST_NO_MEMORY;
+    if (wanted > zk::kMaxImageBytes) return ST_TOO_LARGE;
     const size_t new_size = static_cast<size_t>(wanted);
     int32_t r;
     if (bitmap->Flags & BF_TILED) {

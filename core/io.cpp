@@ -240,6 +240,27 @@ extern "C" int32_t Z_API Z_OsGetTempName(wchar_t* buffer) {
     }
 }
 
+Z_FILE zk::create_reserved_temp_file(uint64_t bytes, int32_t* status) {
+    *status = ST_TEMP_FILE;
+    std::string dir;
+    try {
+        std::wstring wide;
+        if (!temp_directory_of(zk::thread_state(), wide)) return Z_INVALID_FILE;
+        dir = pf::to_utf8(wide.c_str());
+    } catch (...) {
+        return Z_INVALID_FILE;
+    }
+    const pf::FileHandle f = pf::create_temp_file(dir);
+    if (f == pf::kNoFile) return Z_INVALID_FILE;
+    if (!pf::file_reserve(f, bytes)) {
+        pf::file_close(f);
+        *status = ST_FILE_WRITE;
+        return Z_INVALID_FILE;
+    }
+    *status = ST_OK;
+    return static_cast<Z_FILE>(f);
+}
+
 extern "C" int32_t Z_API Z_SetTempDirectory(const wchar_t* directory) {
     if (!directory) return ST_BAD_PARAM;
     const size_t length = std::wcslen(directory);

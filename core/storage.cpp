@@ -75,6 +75,8 @@ void memory_release(BitmapHandle& b) {
 
 // --- disk: through the thread's current I/O routines ------------------------
 int64_t disk_transfer(BitmapHandle& b, size_t offset, uint8_t* buffer, size_t count, bool put) {
+    // Bounded exactly as memory is: a file grows past the pixels on no row.
+    if (!in_range(b, offset, count)) return ST_BAD_PARAM;
     const Z_FILE f = file_of(b);
     if (Z_RedirectedSeek(f, static_cast<int64_t>(offset), 0) != static_cast<int64_t>(offset)) return ST_FILE_SEEK;
     size_t done = 0;
@@ -125,7 +127,7 @@ uint64_t tile_target(const Thresholds& t) {
     return t.tile_size < 1 ? kDefaultTileSize : static_cast<uint64_t>(t.tile_size);
 }
 
-// Step 10: an anonymous mapping of Size + 31 bytes with Data aligned to 32.
+// Conventional storage: an anonymous mapping of Size + 31 bytes with Data aligned to 32.
 bool try_conventional(BitmapHandle& b) {
     if (b.Size > SIZE_MAX - kConventionalSlack) return false;
     pf::Mapping m = pf::map_anonymous(b.Size + kConventionalSlack);
@@ -139,7 +141,7 @@ bool try_conventional(BitmapHandle& b) {
     return true;
 }
 
-// Step 11: tiles, with the halving retry while memory is roomy.
+// Tiled storage, retried with tiles of half the size while memory is roomy.
 int32_t try_tiled(BitmapHandle& b, const Thresholds& th, uint64_t free_bytes) {
     uint64_t target = tile_target(th);
     const int64_t views_setting = th.tile_views;
@@ -193,30 +195,13 @@ int32_t try_tiled(BitmapHandle& b, const Thresholds& th, uint64_t free_bytes) {
     }
 }
 
-// Step 12: a delete-on-close temporary file of Size + 1 bytes.
+// Disk storage: a delete-on-close temporary file of Size + 1 bytes, all of
+// it reserved, so that a full disk is found here and not by a later write.
 int32_t try_disk(BitmapHandle& b) {
-    wchar_t name[Z_MAX_PATH];
-    if (Z_OsGetTempName(name) != ST_OK) return ST_TEMP_FILE;
-    const Z_FILE f = Z_OsCreat(name, Z_CREAT_DELETE_ON_CLOSE);
-    if (f == Z_INVALID_FILE) {
-        Z_OsDelete(name);
-        return ST_TEMP_FILE;
-    }
-    const uint8_t zero = 0;
-    const int64_t size = static_cast<int64_t>(b.Size);
-    if (Z_OsSeek(f, size - 1, 0, nullptr) != size - 1 || Z_OsWrite(f, &zero, 1, nullptr) != 1) {
-        Z_OsClose(f, nullptr);
-        return ST_FILE_WRITE;
-    }
-    if (Z_OsSeek(f, size, 0, nullptr) != size) {
-        Z_OsClose(f, nullptr);
-        return ST_NO_MEMORY;
-    }
-    if (Z_OsWrite(f, &zero, 1, nullptr) != 1) {
-        Z_OsClose(f, nullptr);
-        return ST_FILE_WRITE;
-    }
-    Z_OsSeek(f, 0, 0, nullptr);
+    if (b.Size >= kMaxImageBytes) return ST_TOO_LARGE;
+    int32_t status;
+    const Z_FILE f = create_reserved_temp_file(uint64_t{b.Size} + 1, &status);
+    if (f == Z_INVALID_FILE) return status;
     b.DataHandle = reinterpret_cast<void*>(static_cast<intptr_t>(f));
     b.Data = nullptr;
     b.DataOffset = 0;
@@ -224,7 +209,8 @@ int32_t try_disk(BitmapHandle& b) {
     return ST_OK;
 }
 
-// Steps 9 to 13 for the adjusted type.
+// The memory path: conventional, else tiled, else disk, as the type and the
+// thresholds allow.
 int32_t allocate_memory(BitmapHandle& b, uint32_t type) {
     const Thresholds th = thresholds();
     const uint64_t target = tile_target(th);
@@ -448,6 +434,15 @@ extern "C" int32_t Z_API Z_AllocateBitmap(BitmapHandle* bitmap, uint32_t memoryT
     if (!bitmap) return ST_BAD_PARAM;
     if (bitmap->StructSize != kStructSize) return ST_BAD_STRUCT_SIZE;
     if (bitmap->Size == 0 || bitmap->Width < 0 || bitmap->Height < 0) return ST_BAD_POSITION;
+    // A record edited by hand must still describe storage that holds its
+    // pixels; dimensions whose sizes do not fit are refused as Z_InitBitmap
+    // refuses them.
+    if (!zk::valid_depth(bitmap->BitsPerPixel)) return ST_BAD_BPP;
+    if (!zk::geometry_consistent(*bitmap)) {
+        const int32_t s = zk::image_size(bitmap->Width, bitmap->Height, bitmap->BitsPerPixel).status;
+        return s == ST_OK ? ST_BAD_PARAM : s;
+    }
+    if (bitmap->Size > zk::kMaxImageBytes) return ST_TOO_LARGE;
     return zk::storage::allocate(*bitmap, memoryType);
 }
 

@@ -72,9 +72,8 @@ void unmap_oldest(BitmapHandle& bitmap);
 // are counted into MemTiles. Returns the MappedCount reached.
 uint32_t set_mapped_count(BitmapHandle& bitmap, uint32_t target);
 
-// A delete-on-close temporary file of `bytes` bytes in the thread's
-// temporary directory (name from Z_OsGetTempName, Z_OsCreat mode 0x100,
-// extended by writing one byte at bytes - 1). Z_INVALID_FILE on failure, with
+// A delete-on-close temporary file of `bytes` bytes, every block reserved,
+// in the thread's temporary directory. Z_INVALID_FILE on failure, with
 // nothing left behind.
 Z_FILE create_tile_file(uint64_t bytes);
 

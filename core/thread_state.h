@@ -62,6 +62,13 @@ private:
     int32_t last_ = -1;
 };
 
+// A temporary file for disk or tiled storage: nameless from the start (or
+// unlinked at once), `bytes` long with every block reserved, in the thread's
+// temporary directory; closing it deletes it. Z_INVALID_FILE on failure, with
+// nothing left behind and *status set: ST_TEMP_FILE when no file could be
+// made, ST_FILE_WRITE when the disk or the file-size limit has no room.
+Z_FILE create_reserved_temp_file(uint64_t bytes, int32_t* status);
+
 namespace detail {
 // Library lifetime, called by the process attach/detach hooks.
 bool process_attach();

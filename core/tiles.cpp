@@ -8,6 +8,7 @@
 #include "bitmap_handle.h"
 #include "platform/platform.h"
 #include "storage.h"
+#include "thread_state.h"
 
 namespace pf = zk::platform;
 
@@ -206,22 +207,8 @@ uint32_t set_mapped_count(BitmapHandle& b, uint32_t target) {
 
 Z_FILE create_tile_file(uint64_t bytes) {
     if (bytes == 0) return Z_INVALID_FILE;
-    wchar_t name[Z_MAX_PATH];
-    if (Z_OsGetTempName(name) != ST_OK) return Z_INVALID_FILE;
-    const Z_FILE f = Z_OsCreat(name, Z_CREAT_DELETE_ON_CLOSE);
-    if (f == Z_INVALID_FILE) {
-        // The unique-name service made the file; without the delete-on-close
-        // handle it is removed here.
-        Z_OsDelete(name);
-        return Z_INVALID_FILE;
-    }
-    const uint8_t zero = 0;
-    if (Z_OsSeek(f, static_cast<int64_t>(bytes - 1), 0, nullptr) != static_cast<int64_t>(bytes - 1) ||
-        Z_OsWrite(f, &zero, 1, nullptr) != 1) {
-        Z_OsClose(f, nullptr);
-        return Z_INVALID_FILE;
-    }
-    return f;
+    int32_t status;
+    return create_reserved_temp_file(bytes, &status);
 }
 
 int32_t build_tiles(BitmapHandle& b, const TileLayout& layout) {

@@ -5,8 +5,6 @@
 //
 // May include: include/zkernel.h, core/bitmap_handle.h, core/storage.h.
 #include <cstring>
-#include <memory>
-#include <new>
 
 #include "bitmap_handle.h"
 #include "storage.h"
@@ -129,7 +127,10 @@ int32_t put_segments(BitmapHandle* b, const uint8_t* buffer, uint32_t row, uint3
     const size_t row_start = row_offset(*b, *ops, row);
     const uint64_t bpp = b->BitsPerPixel > 0 ? static_cast<uint64_t>(b->BitsPerPixel) : 8;
     const uint64_t row_bits = uint64_t{b->BytesPerLine} * 8;
-    std::unique_ptr<uint8_t[]> scratch;
+    struct Scratch {
+        uint8_t* p = nullptr;
+        ~Scratch() { Z_Free(p); }
+    } scratch;
     uint64_t total = 0;
     for (uint32_t i = 0; i + 1 < count; i += 2) {
         const uint64_t start = segments[i];
@@ -144,15 +145,15 @@ int32_t put_segments(BitmapHandle* b, const uint8_t* buffer, uint32_t row, uint3
         if (p) {
             merge_bits(b->BitsPerPixel, p, static_cast<uint32_t>(d0 % 8), buffer, start * bpp, d1 - d0);
         } else {
-            if (!scratch) {
-                scratch.reset(new (std::nothrow) uint8_t[b->BytesPerLine]);
-                if (!scratch) return ST_NO_MEMORY;
+            if (!scratch.p) {
+                scratch.p = static_cast<uint8_t*>(Z_Malloc(b->BytesPerLine ? b->BytesPerLine : 1));
+                if (!scratch.p) return ST_NO_MEMORY;
             }
-            const int64_t got = ops->fetch(*b, row_start + first, scratch.get(), n);
+            const int64_t got = ops->fetch(*b, row_start + first, scratch.p, n);
             if (got < 0) return static_cast<int32_t>(got);
             if (static_cast<size_t>(got) < n) return ST_FILE_READ;
-            merge_bits(b->BitsPerPixel, scratch.get(), static_cast<uint32_t>(d0 % 8), buffer, start * bpp, d1 - d0);
-            const int64_t put = ops->store(*b, row_start + first, scratch.get(), n);
+            merge_bits(b->BitsPerPixel, scratch.p, static_cast<uint32_t>(d0 % 8), buffer, start * bpp, d1 - d0);
+            const int64_t put = ops->store(*b, row_start + first, scratch.p, n);
             if (put < 0) return static_cast<int32_t>(put);
             if (static_cast<size_t>(put) < n) return ST_FILE_WRITE;
         }

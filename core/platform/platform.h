@@ -68,13 +68,26 @@ std::int64_t file_read(FileHandle file, void* buffer, std::size_t count);
 std::int64_t file_write(FileHandle file, const void* buffer, std::size_t count);
 // origin 0 start, 1 current, 2 end. New position, or -1.
 std::int64_t file_seek(FileHandle file, std::int64_t offset, int origin);
+// Sets the file's length. Growth past the process's file-size limit fails
+// (false) instead of raising the limit's signal.
 bool file_set_size(FileHandle file, std::uint64_t size);
+// Makes the file `size` bytes long with every block allocated now, so that
+// later writes and writes through a mapping cannot meet a full disk. False
+// (and the file's length possibly changed) when the space or the process's
+// file-size limit does not allow it.
+bool file_reserve(FileHandle file, std::uint64_t size);
+// A new, empty, read-write temporary file in `directory` that has no name
+// from the moment it exists (Linux O_TMPFILE), or, where the file system
+// cannot do that, is created under a random 64-bit name with O_EXCL and
+// unlinked at once. Closing it deletes it. kNoFile on failure.
+FileHandle create_temp_file(const std::string& directory);
 bool file_close(FileHandle file);
 bool file_delete(const std::string& path);
 // The system's temporary directory, with a trailing separator.
 std::string temp_directory();
-// Creates a new, empty, uniquely named file `<directory><prefix>XXXX.TMP`
-// and returns its name, as the OS unique-name service does; empty on failure.
+// Creates a new, empty, uniquely named file `<directory><prefix>X...X.TMP`
+// (sixteen hex digits of randomness, retried on collision) and returns its
+// name; empty on failure.
 std::string unique_temp_name(const std::string& directory, const std::string& prefix);
 char path_separator();
 

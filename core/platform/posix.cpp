@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <atomic>
@@ -16,6 +17,7 @@
 #include <ctime>
 #include <new>
 #if defined(__linux__)
+#include <sys/random.h>
 #include <sys/sysinfo.h>
 #endif
 
@@ -221,7 +223,35 @@ std::int64_t file_read(FileHandle file, void* buffer, std::size_t count) {
                     [](int fd, unsigned char* p, std::size_t n) { return ::read(fd, p, n); });
 }
 
+namespace {
+// Bytes a file may grow to under the process's file-size limit; growing past
+// it would raise SIGXFSZ, whose default action ends the process.
+std::uint64_t file_size_limit() {
+    struct rlimit limit {};
+    if (::getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return UINT64_MAX;
+    return static_cast<std::uint64_t>(limit.rlim_cur);
+}
+
+// Whether bytes up to `end` stay within the file-size limit (sets EFBIG when not).
+bool below_size_limit(std::uint64_t end) {
+    if (end <= file_size_limit()) return true;
+    errno = EFBIG;
+    return false;
+}
+}  // namespace
+
 std::int64_t file_write(FileHandle file, const void* buffer, std::size_t count) {
+    // A write that would pass the file-size limit is cut at the limit; one
+    // that starts there fails.
+    const std::uint64_t limit = file_size_limit();
+    if (file >= 0 && limit != UINT64_MAX && count > 0) {
+        const off_t at = ::lseek(static_cast<int>(file), 0, SEEK_CUR);
+        if (at >= 0) {
+            const auto pos = static_cast<std::uint64_t>(at);
+            if (pos >= limit) return -1;
+            if (count > limit - pos) count = static_cast<std::size_t>(limit - pos);
+        }
+    }
     return move_all(file, static_cast<const unsigned char*>(buffer), count,
                     [](int fd, const unsigned char* p, std::size_t n) { return ::write(fd, p, n); });
 }
@@ -238,7 +268,20 @@ std::int64_t file_seek(FileHandle file, std::int64_t offset, int origin) {
 bool file_set_size(FileHandle file, std::uint64_t size) {
     if (file < 0) return false;
     if (should_fail(FaultKind::File)) return false;
+    if (size > static_cast<std::uint64_t>(INT64_MAX) || !below_size_limit(size)) return false;
     return ::ftruncate(static_cast<int>(file), static_cast<off_t>(size)) == 0;
+}
+
+bool file_reserve(FileHandle file, std::uint64_t size) {
+    if (file < 0) return false;
+    if (should_fail(FaultKind::File)) return false;
+    if (size > static_cast<std::uint64_t>(INT64_MAX) || !below_size_limit(size)) return false;
+    if (size == 0) return ::ftruncate(static_cast<int>(file), 0) == 0;
+    int r;
+    do {
+        r = ::posix_fallocate(static_cast<int>(file), 0, static_cast<off_t>(size));
+    } while (r == EINTR);
+    return r == 0;
 }
 
 bool file_close(FileHandle file) {
@@ -265,25 +308,70 @@ std::string temp_directory() {
     return dir;
 }
 
-std::string unique_temp_name(const std::string& directory, const std::string& prefix) {
-    if (should_fail(FaultKind::File)) return {};
-    static std::atomic<unsigned> counter{static_cast<unsigned>(::getpid()) * 2654435761u ^
-                                         static_cast<unsigned>(std::time(nullptr))};
+namespace {
+// 64 random bits from the kernel; where it gives none, a mix of the time, the
+// process and a counter (names stay unique through O_EXCL either way).
+std::uint64_t random64() {
+    std::uint64_t v = 0;
+#if defined(__linux__)
+    if (::getrandom(&v, sizeof v, GRND_NONBLOCK) == static_cast<ssize_t>(sizeof v)) return v;
+#endif
+    static std::atomic<std::uint64_t> counter{0};
+    struct timespec ts {};
+    ::clock_gettime(CLOCK_REALTIME, &ts);
+    v = static_cast<std::uint64_t>(ts.tv_nsec) ^ (static_cast<std::uint64_t>(ts.tv_sec) << 30) ^
+        (static_cast<std::uint64_t>(::getpid()) << 48) ^ (counter.fetch_add(1) * 0x9E3779B97F4A7C15ull);
+    v ^= v >> 31;
+    v *= 0xBF58476D1CE4E5B9ull;
+    return v ^ (v >> 29);
+}
+
+// Creates `<dir><prefix><16 hex digits>.TMP` with O_EXCL under fresh random
+// names until one is new. Returns the descriptor and fills `path`.
+int create_named(const std::string& directory, const std::string& prefix, int access, std::string& path) {
     std::string dir = directory;
     if (!dir.empty() && dir.back() != '/') dir.push_back('/');
-    for (int attempt = 0; attempt < 65536; ++attempt) {
-        unsigned n = counter.fetch_add(1) & 0xFFFFu;
+    for (int attempt = 0; attempt < 64; ++attempt) {
         char name[32];
-        std::snprintf(name, sizeof name, "%04X.TMP", n);
-        std::string path = dir + prefix + name;
-        int fd = ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0666);
-        if (fd >= 0) {
-            ::close(fd);
-            return path;
-        }
-        if (errno != EEXIST) return {};
+        std::snprintf(name, sizeof name, "%016llX.TMP", static_cast<unsigned long long>(random64()));
+        path = dir + prefix + name;
+        int fd;
+        do {
+            fd = ::open(path.c_str(), O_CREAT | O_EXCL | access | O_CLOEXEC, 0600);
+        } while (fd < 0 && errno == EINTR);
+        if (fd >= 0) return fd;
+        if (errno != EEXIST) return -1;
     }
-    return {};
+    return -1;
+}
+}  // namespace
+
+std::string unique_temp_name(const std::string& directory, const std::string& prefix) {
+    if (should_fail(FaultKind::File)) return {};
+    std::string path;
+    const int fd = create_named(directory, prefix, O_WRONLY, path);
+    if (fd < 0) return {};
+    ::close(fd);
+    return path;
+}
+
+FileHandle create_temp_file(const std::string& directory) {
+    if (should_fail(FaultKind::File)) return kNoFile;
+    std::string dir = directory.empty() ? std::string(".") : directory;
+#if defined(O_TMPFILE)
+    int fd;
+    do {
+        fd = ::open(dir.c_str(), O_TMPFILE | O_RDWR | O_EXCL | O_CLOEXEC, 0600);
+    } while (fd < 0 && errno == EINTR);
+    if (fd >= 0) return fd;
+    // Only a file system without unnamed files falls through to a name.
+    if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) return kNoFile;
+#endif
+    std::string path;
+    const int named = create_named(dir, "ZK", O_RDWR, path);
+    if (named < 0) return kNoFile;
+    ::unlink(path.c_str());
+    return named;
 }
 
 std::string to_utf8(const wchar_t* text) {
