@@ -6,6 +6,19 @@
  * negative ST_ code on failure) unless its comment says otherwise. Nothing in
  * the library throws or aborts; allocation failure is ST_NO_MEMORY.
  *
+ * Ownership: the caller owns every BitmapHandle record (the library never
+ * allocates one for the caller); the library owns what an allocated record
+ * points to (storage, Palette, Region, Overlays, LUT, ValueMap) and frees it
+ * in Z_FreeBitmap. A record is "described" when filled by Z_InitBitmap
+ * without storage, and "allocated" while BF_ALLOCATED is set. Functions that
+ * fill a destination record overwrite it without freeing what it held, so
+ * pass one that holds nothing. Blocks handed to the caller are freed with the
+ * function their comment names.
+ *
+ * Units: widths, heights, columns and rectangles are in pixels, rows are
+ * stored row indices (ViewPerspective is not applied), byte counts and sizes
+ * are bytes, resolutions are dots per inch.
+ *
  * Status values, flag bits and the BitmapHandle layout are ABI: they are never
  * renumbered or reordered.
  */
@@ -50,21 +63,35 @@ extern "C" {
 /* ---------------------------------------------------------------------------
  * Status codes (one table for the whole library)
  * ------------------------------------------------------------------------- */
-#define ST_OK 1
-#define ST_NO_MEMORY (-1)
-#define ST_INVALID_BITMAP (-2)
-#define ST_FILE_SEEK (-4)
-#define ST_FILE_WRITE (-5)
-#define ST_FILE_READ (-7)
-#define ST_BAD_POSITION (-11)
-#define ST_BAD_PARAM (-13)
-#define ST_BAD_BPP (-27)
-#define ST_NO_DISPATCH (-30)
-#define ST_TEMP_FILE (-295)
-#define ST_BAD_STRUCT_SIZE (-789)
-#define ST_NO_BITMAP (-814)
-#define ST_SIGNED_DATA (-1360)
-#define ST_TOO_LARGE (-1370)
+#define ST_OK 1                   /* success */
+#define ST_NO_MEMORY (-1)         /* an allocation failed; also row access to a record without storage */
+#define ST_INVALID_BITMAP (-2)    /* no record, or the record has no storage (BF_ALLOCATED clear) */
+#define ST_FILE_SEEK (-4)         /* a seek in a disk-backed bitmap's file did not reach the offset */
+#define ST_FILE_WRITE (-5)        /* writing a disk-backed bitmap's file failed, or a row copy stopped short */
+#define ST_FILE_READ (-7)         /* reading a disk-backed bitmap's file failed */
+#define ST_BAD_POSITION (-11)     /* a position outside the bitmap; also allocating a bitmap of Size 0 */
+#define ST_BAD_PARAM (-13)        /* invalid argument: null pointer, value out of range, wrong storage kind */
+#define ST_BAD_BPP (-27)          /* bits per pixel not supported by the operation */
+#define ST_NO_DISPATCH (-30)      /* no region hook table is installed */
+#define ST_TEMP_FILE (-295)       /* a temporary file for disk or tiled storage could not be created */
+#define ST_BAD_STRUCT_SIZE (-789) /* StructSize or a structSize argument is not Z_BITMAPHANDLE_SIZE */
+#define ST_NO_BITMAP (-814)       /* a required bitmap record is missing */
+#define ST_SIGNED_DATA (-1360)    /* the operation refuses a bitmap with BF_SIGNED set */
+/* ST_TOO_LARGE: image dimensions whose row length, size, tile or file size do
+ * not fit the record's fields, size_t on this target, or a 31-bit count;
+ * refused before anything is allocated. */
+#define ST_TOO_LARGE (-1370) /* dimensions whose sizes do not fit */
+
+/* ---------------------------------------------------------------------------
+ * Version of this header: major.minor.patch, and as one number
+ * major * 10000 + minor * 100 + patch. Z_GetVersion() returns the value the
+ * library was built with, so a caller can check that the library it loaded
+ * matches the header it was compiled against.
+ * ------------------------------------------------------------------------- */
+#define ZK_VERSION_MAJOR 0
+#define ZK_VERSION_MINOR 1
+#define ZK_VERSION_PATCH 0
+#define ZK_VERSION (ZK_VERSION_MAJOR * 10000 + ZK_VERSION_MINOR * 100 + ZK_VERSION_PATCH)
 
 /* ---------------------------------------------------------------------------
  * BitmapHandle flags (Flags field)
@@ -345,50 +372,156 @@ typedef void* BitmapList;
 /* ---------------------------------------------------------------------------
  * Bitmap record and initialisation
  * ------------------------------------------------------------------------- */
+/* Describes an image in *bitmap without allocating storage. The record is
+ * zeroed (what it held is not freed), then: Width, Height, BitsPerPixel,
+ * BytesPerLine (rows padded to 4 bytes), Size = BytesPerLine * height,
+ * ColorCount 2^bitsPerPixel up to 8 bits (else 0), Order CO_RGB up to 8 bits,
+ * CO_GRAY at 12, else CO_BGR, ViewPerspective VP_BOTTOM_LEFT, the thread's
+ * dither method and resolutions (150 when not positive), the full gray window
+ * and Percent 100. width and height in pixels (0 allowed); bitsPerPixel 1..8,
+ * 12, 16, 24, 32, 48 or 64. width = height = bitsPerPixel = 0 leaves a zeroed
+ * record with StructSize set. ST_OK; ST_BAD_PARAM (null record: nothing
+ * written; negative dimension), ST_BAD_STRUCT_SIZE (nothing written),
+ * ST_BAD_BPP, ST_TOO_LARGE. Nothing is allocated, so nothing needs freeing. */
 Z_EXPORT int32_t Z_API Z_InitBitmap(BitmapHandle* bitmap, int32_t structSize, int32_t width, int32_t height,
                                     int32_t bitsPerPixel);
-/* Initialises, allocates (memoryType as Z_AllocateBitmap), sets the palette
- * (bitsPerPixel 0: 8-bit gray; palette given: copied; else the fixed one),
- * order and view perspective (0 means VP_TOP_LEFT), and with TYPE_USER and a
- * non-null data pointer attaches dataSize bytes of caller memory. */
+/* Z_InitBitmap, then Z_AllocateBitmap(bitmap, memoryType), then a palette up
+ * to 8 bits: bitsPerPixel 0 means 8 bits with a gray ramp; else a copy of
+ * `palette` (ColorCount entries) when given; else the depth's fixed palette.
+ * Above 8 bits Order = order (CO_ALT_BGR is allowed at 24 and 48 bits only,
+ * else ST_BAD_BPP before anything is allocated). viewPerspective 1..8, 0
+ * meaning VP_TOP_LEFT. With TYPE_USER and a non-null data, data (dataSize
+ * bytes, which must equal Size) becomes the pixel memory; it stays the
+ * caller's. ST_OK: free the bitmap with Z_FreeBitmap. A failure in the
+ * initialisation, the allocation or the palette leaves no storage; a
+ * view perspective above 8, or caller memory of the wrong size, gives
+ * ST_BAD_PARAM with the storage still allocated: free it with Z_FreeBitmap. */
 Z_EXPORT int32_t Z_API Z_CreateBitmap(BitmapHandle* bitmap, int32_t structSize, uint32_t memoryType, int32_t width,
                                       int32_t height, int32_t bitsPerPixel, uint32_t order, const RGBQUAD* palette,
                                       uint32_t viewPerspective, void* data, size_t dataSize);
-/* Attaches (or, with null, detaches) caller memory of a TYPE_USER bitmap. */
+/* Attaches caller memory to an allocated TYPE_USER bitmap (BF_ALLOCATED and
+ * BF_USER_DATA set, BF_GLOBAL clear): Data = data, which must hold
+ * dataSize == Size bytes; null detaches. The memory stays the caller's
+ * (Z_FreeBitmap does not free it) and must outlive its use by the bitmap.
+ * ST_OK; ST_BAD_PARAM (null record, another storage kind, size other than
+ * Size); ST_BAD_STRUCT_SIZE. */
 Z_EXPORT int32_t Z_API Z_SetBitmapDataPointer(BitmapHandle* bitmap, void* data, size_t dataSize);
 
-/* Per-thread defaults. Setters of resolution return the previous value. */
+/* Per-thread defaults: each thread has its own, set to the initial values on
+ * its first call. */
+/* Returns the calling thread's default horizontal resolution in dots per
+ * inch (150 at first). */
 Z_EXPORT int32_t Z_API Z_GetDefaultXResolution(void);
+/* Returns the calling thread's default vertical resolution in dots per inch
+ * (150 at first). */
 Z_EXPORT int32_t Z_API Z_GetDefaultYResolution(void);
+/* Sets the thread's default horizontal resolution (dots per inch; new records
+ * take 150 while it is 0 or negative). Returns the previous value; never
+ * fails. */
 Z_EXPORT int32_t Z_API Z_SetDefaultXResolution(int32_t value);
+/* Sets the thread's default vertical resolution (dots per inch; new records
+ * take 150 while it is 0 or negative). Returns the previous value; never
+ * fails. */
 Z_EXPORT int32_t Z_API Z_SetDefaultYResolution(int32_t value);
-Z_EXPORT int32_t Z_API Z_DefaultDithering(uint32_t method); /* 0..8 */
+/* Sets the thread's default dither method, which new records take:
+ * DITHER_NONE..DITHER_CLUSTERED (0..8). ST_OK; ST_BAD_PARAM above 8 (the
+ * default stays). */
+Z_EXPORT int32_t Z_API Z_DefaultDithering(uint32_t method);
+/* Returns the thread's default dither method (DITHER_ORDERED at first). */
 Z_EXPORT uint32_t Z_API Z_GetDefaultDithering(void);
-Z_EXPORT int32_t Z_API Z_SetDefaultMemoryType(uint32_t type); /* TYPE_CONV or TYPE_DISK */
+/* Sets the thread's default memory type: TYPE_CONV or TYPE_DISK. ST_OK;
+ * ST_BAD_PARAM for any other value (the default stays). */
+Z_EXPORT int32_t Z_API Z_SetDefaultMemoryType(uint32_t type);
+/* Stores the thread's default memory type (TYPE_CONV at first) in *type.
+ * ST_OK; ST_BAD_PARAM for a null pointer. */
 Z_EXPORT int32_t Z_API Z_GetDefaultMemoryType(uint32_t* type);
 
 /* ---------------------------------------------------------------------------
  * Storage and memory model
  * ------------------------------------------------------------------------- */
+/* Allocates pixel storage for a described record (Size > 0) and its
+ * 256-byte ValueMap (the identity). memoryType: TYPE_CONV (memory; tiles when
+ * the thresholds of Z_SetMemoryThresholds say so or memory runs short; a
+ * temporary disk file last), TYPE_TILED (tiles when Size exceeds the tile
+ * size, else as TYPE_CONV), TYPE_NOTILE or TYPE_NOTILE | TYPE_CONV (never
+ * tiles), TYPE_DISK (a delete-on-close temporary file), TYPE_MEMORY_ONLY
+ * (memory or tiles, never disk), TYPE_USER (caller memory, attached with
+ * Z_SetBitmapDataPointer); the compressed types need a row store installed
+ * (ST_BAD_PARAM without one).
+ * Storage the record already holds is not freed: call Z_FreeBitmap first.
+ * ST_OK: the record owns the storage until Z_FreeBitmap. Failures:
+ * ST_BAD_PARAM (null record, type not accepted, BytesPerLine or Size too
+ * small for Width x Height), ST_BAD_STRUCT_SIZE, ST_BAD_POSITION (Size 0 or
+ * a negative dimension), ST_BAD_BPP, ST_TOO_LARGE, ST_NO_MEMORY,
+ * ST_TEMP_FILE, ST_FILE_WRITE; then BF_ALLOCATED is clear and nothing stays
+ * allocated. */
 Z_EXPORT int32_t Z_API Z_AllocateBitmap(BitmapHandle* bitmap, uint32_t memoryType);
+/* Frees what the record owns: Region (Z_DeleteZarnRgn), Palette, Overlays,
+ * and for an allocated record its storage (temporary files are removed;
+ * caller memory of TYPE_USER stays the caller's), LUT and ValueMap. The
+ * record keeps its geometry, resolution and view perspective and is
+ * described again (BF_ALLOCATED clear); it may be allocated again. A null
+ * record or a wrong StructSize is ignored. No result. */
 Z_EXPORT void Z_API Z_FreeBitmap(BitmapHandle* bitmap);
-/* Lock / unlock global storage; nothing for other kinds. */
+/* Locks global storage (BF_GLOBAL): Data becomes valid and BF_LOCKED is set.
+ * Nothing for other storage kinds, whose Data is always valid (conventional,
+ * caller memory) or does not address pixels (tiled, disk, compressed: use
+ * row access). No result; a lock that fails leaves Data as it was. */
 Z_EXPORT void Z_API Z_AccessBitmap(BitmapHandle* bitmap);
+/* Unlocks locked global storage: Data becomes null and BF_LOCKED is cleared.
+ * Nothing for other kinds. No result. */
 Z_EXPORT void Z_API Z_ReleaseBitmap(BitmapHandle* bitmap);
-/* Returns 1 when already locked (and does nothing), else 0 after locking. */
+/* Returns 1 when BF_LOCKED is already set (and does nothing), else locks as
+ * Z_AccessBitmap does and returns 0. Pass the result to Z_UnlockBitmap. */
 Z_EXPORT int32_t Z_API Z_LockBitmap(BitmapHandle* bitmap);
-/* Releases only when wasLocked is 0. */
+/* Unlocks as Z_ReleaseBitmap does only when wasLocked (the result of the
+ * matching Z_LockBitmap) is 0, so nested pairs leave the outer lock. No
+ * result. */
 Z_EXPORT void Z_API Z_UnlockBitmap(BitmapHandle* bitmap, int32_t wasLocked);
-/* Stores argument k when bit k-1 of mask is set. */
+/* Sets the calling thread's memory thresholds, which steer Z_AllocateBitmap.
+ * Argument k is stored only when bit k-1 of mask is set (1 reserve,
+ * 2 maxConv, 4 tileSize, 8 maxMemTiles, 16 tileViews). A negative value means
+ * a percentage (-100..-1):
+ *   reserve     bytes of memory to leave free, or that percentage of total
+ *               physical + page-file memory (initially 0);
+ *   maxConv     largest conventional block in bytes, or that percentage of
+ *               available physical + page-file memory (initially 0x7FFFFFFF);
+ *   tileSize    bytes above which a bitmap is tiled, and the target size of
+ *               one tile; 0 means 16 MiB (initially 0; no percentage);
+ *   maxMemTiles most tiles kept in memory, or that percentage of the tile
+ *               count (initially -100: all);
+ *   tileViews   most disk tiles mapped at once, or a percentage (initially 1).
+ * ST_OK; ST_BAD_PARAM for a value below -100 (below 0 for tileSize), which
+ * stops the call with the earlier arguments already stored. */
 Z_EXPORT int32_t Z_API Z_SetMemoryThresholds(int32_t reserve, int32_t maxConv, int32_t tileSize, int32_t maxMemTiles,
                                              int32_t tileViews, uint32_t mask);
+/* Reads the calling thread's five memory thresholds (units as in
+ * Z_SetMemoryThresholds, negative values being percentages); null pointers
+ * are skipped. Always ST_OK. */
 Z_EXPORT int32_t Z_API Z_GetMemoryThresholds(int32_t* reserve, int32_t* maxConv, int32_t* tileSize,
                                              int32_t* maxMemTiles, int32_t* tileViews);
+/* Reports an allocated bitmap's storage kind in *memoryType: TYPE_CONV
+ * (memory of any non-tiled kind), TYPE_TILED, TYPE_DISK, TYPE_COMPRESSED or
+ * TYPE_SUPERCOMPRESSED. For tiled storage the other non-null outputs get the
+ * bytes of one tile, the tile count, the tiles kept in memory, the most disk
+ * tiles mapped at once and the disk tiles mapped now; for other kinds they
+ * are left as they are. ST_OK; ST_INVALID_BITMAP (null record or no
+ * storage), ST_BAD_STRUCT_SIZE, ST_BAD_PARAM (null memoryType). */
 Z_EXPORT int32_t Z_API Z_GetBitmapMemoryInfo(BitmapHandle* bitmap, uint32_t* memoryType, uint32_t* tileSize,
                                              uint32_t* tileCount, uint32_t* memTiles, uint32_t* maxMapped,
                                              uint32_t* mappedCount);
-/* mask: 1 type, 2 tileSize, 4 tileCount, 8 memTiles, 16 maxMapped,
- * 32 mappedCount. */
+/* Changes an allocated bitmap's storage; only the arguments whose mask bit is
+ * set are used (1 memoryType, 2 tileSize in bytes, 4 tileCount, 8 memTiles,
+ * 16 maxMapped, 32 mappedCount). Another memoryType, or another tile size
+ * for a tiled bitmap, rebuilds the storage in that kind with the pixels
+ * copied (TYPE_TILED for a bitmap not larger than the tile size gives
+ * conventional storage); otherwise a tiled bitmap moves tiles between memory
+ * and disk and changes its mapping limits in place (counts clamped to the
+ * tile count), and other kinds are left alone. The record keeps its address,
+ * palette, region, overlays and gray parameters. ST_OK; ST_NO_BITMAP (null
+ * record), ST_BAD_STRUCT_SIZE, ST_INVALID_BITMAP (no storage), ST_NO_MEMORY,
+ * ST_TEMP_FILE, ST_FILE_READ, ST_FILE_WRITE, or a copy-status callback's
+ * stop; on failure the bitmap keeps its storage and pixels. */
 Z_EXPORT int32_t Z_API Z_SetBitmapMemoryInfo(BitmapHandle* bitmap, uint32_t memoryType, uint32_t tileSize,
                                              uint32_t tileCount, uint32_t memTiles, uint32_t maxMapped,
                                              uint32_t mappedCount, uint32_t mask);
@@ -396,23 +529,92 @@ Z_EXPORT int32_t Z_API Z_SetBitmapMemoryInfo(BitmapHandle* bitmap, uint32_t memo
 /* ---------------------------------------------------------------------------
  * Copying, trimming and duplicating
  * ------------------------------------------------------------------------- */
+/* Copies the whole record *src over *dst byte for byte (dst's StructSize is
+ * set). The copy shares every pointer and handle of src: it is a second
+ * description of the same storage, so free only one of the two. What dst
+ * held is not freed. ST_OK, also when dst or src is null (nothing copied);
+ * ST_BAD_STRUCT_SIZE when structSize or src's StructSize is wrong. */
 Z_EXPORT int32_t Z_API Z_CopyBitmapHandle(BitmapHandle* dst, const BitmapHandle* src, int32_t structSize);
+/* Fills *dst (overwritten, not freed) as a bitmap of width x height pixels at
+ * bitsPerPixel with src's view perspective, resolutions, order, storage-kind
+ * and BF_SIGNED bits, ColorCount and playback words. flags (DUP_ bits):
+ * DUP_ALLOCATE allocates storage of src's kind (and, for a CO_GRAY src of the
+ * same depth, copies its gray parameters and LUT); DUP_PALETTE, DUP_REGION
+ * (through the region-copy hook; none installed: no region), DUP_OVERLAYS
+ * copy those into dst, and without the bit dst shares src's pointer. Release
+ * dst with Z_FreeDuplicateBitmap(dst, the same flags), or Z_FreeBitmap when
+ * all four bits were given. ST_OK; ST_INVALID_BITMAP (null record, src
+ * without storage), ST_BAD_STRUCT_SIZE, ST_BAD_PARAM (dst == src, negative
+ * dimension), ST_BAD_BPP, ST_TOO_LARGE, ST_NO_MEMORY, a storage or
+ * region-hook failure; on failure dst holds nothing and src keeps all. */
 Z_EXPORT int32_t Z_API Z_DupBitmapNewDim(BitmapHandle* dst, BitmapHandle* src, int32_t structSize, int32_t width,
                                          int32_t height, int32_t bitsPerPixel, uint32_t flags);
+/* Releases a duplicate made by Z_DupBitmapNewDim with these flags: the
+ * pointers it only shares (Palette without DUP_PALETTE, Region without
+ * DUP_REGION, Overlays without DUP_OVERLAYS) are cleared first, so the source
+ * keeps them; then with DUP_ALLOCATE the bitmap is freed (Z_FreeBitmap), and
+ * without it the owned palette, region and overlays are freed. ST_OK;
+ * ST_BAD_PARAM for a null record. */
 Z_EXPORT int32_t Z_API Z_FreeDuplicateBitmap(BitmapHandle* bitmap, uint32_t flags);
+/* Makes *dst (overwritten, not freed) an independent copy of src: storage of
+ * src's kind, palette, region (through the region-copy hook), overlays, gray
+ * parameters and pixels. Reports progress to the copy-status callback.
+ * ST_OK (also at once when dst == src): free dst with Z_FreeBitmap.
+ * ST_BAD_PARAM (null record, src without storage), ST_BAD_STRUCT_SIZE,
+ * ST_NO_MEMORY, ST_TEMP_FILE, ST_FILE_WRITE (a row transfer stopped short), a
+ * region-hook failure or the callback's stop; on failure dst holds nothing. */
 Z_EXPORT int32_t Z_API Z_CopyBitmap(BitmapHandle* dst, BitmapHandle* src, int32_t structSize);
+/* Z_CopyBitmap with dst's storage allocated as memoryType (as for
+ * Z_AllocateBitmap) instead of src's kind. Results and ownership as
+ * Z_CopyBitmap; a memoryType that is not accepted gives ST_BAD_PARAM. */
 Z_EXPORT int32_t Z_API Z_CopyBitmap2(BitmapHandle* dst, BitmapHandle* src, uint32_t memoryType, int32_t structSize);
+/* Copies the rectangle of width x height pixels at (left, top) of src (it
+ * must lie inside src and hold a pixel) into *dst, overwritten and not freed,
+ * as an independent bitmap of src's kind with copies of its palette, region
+ * and overlays; free it with Z_FreeBitmap. A null dst, or dst == src, crops
+ * src in place: only on success is src's old storage (with its palette,
+ * region and overlays) freed and replaced, the record keeping its address.
+ * Reports progress to the copy-status callback. ST_OK; ST_BAD_PARAM (null src,
+ * src without storage, rectangle outside), ST_BAD_STRUCT_SIZE, ST_NO_MEMORY,
+ * ST_FILE_WRITE, a region-hook failure or the callback's stop; on failure dst
+ * holds nothing and src is unchanged. */
 Z_EXPORT int32_t Z_API Z_CopyBitmapRect(BitmapHandle* dst, BitmapHandle* src, int32_t structSize, int32_t left,
                                         int32_t top, uint32_t width, uint32_t height);
+/* Z_CopyBitmapRect with the result's storage allocated as memoryType (as for
+ * Z_AllocateBitmap). Results and ownership as Z_CopyBitmapRect. */
 Z_EXPORT int32_t Z_API Z_CopyBitmapRect2(BitmapHandle* dst, BitmapHandle* src, int32_t structSize, int32_t left,
                                          int32_t top, uint32_t width, uint32_t height, uint32_t memoryType);
+/* Crops an allocated bitmap in place to the rectangle of width x height
+ * pixels at (left, top) intersected with the bitmap (the far edges are
+ * left + width and top + height; a negative left or top then becomes 0), as
+ * Z_CopyBitmapRect(NULL, bitmap, ...) does. ST_OK; ST_BAD_PARAM (null record,
+ * no storage, nothing left of the rectangle), ST_BAD_STRUCT_SIZE, or a
+ * failure of the copy, which leaves the bitmap unchanged. */
 Z_EXPORT int32_t Z_API Z_TrimBitmap(BitmapHandle* bitmap, int32_t left, int32_t top, int32_t width, int32_t height);
+/* Changes an allocated bitmap's Height in place to height rows (>= 1): rows
+ * below the new height are dropped, added rows are zero; conventional, global,
+ * disk and tiled storage. Size follows and the row cursor is reset.
+ * ST_OK (also for the same height); ST_INVALID_BITMAP (null record, no
+ * storage), ST_BAD_STRUCT_SIZE, ST_BAD_PARAM (height < 1, caller memory, a
+ * locked or compressed bitmap), ST_TOO_LARGE, ST_NO_MEMORY, ST_TEMP_FILE; on
+ * failure the bitmap keeps its height and rows. */
 Z_EXPORT int32_t Z_API Z_ChangeBitmapHeight(BitmapHandle* bitmap, int32_t height);
-/* Bytes a buffer needs to hold one row before and after a conversion. */
+/* Bytes a buffer needs to hold one row before and after a conversion in
+ * place: the largest padded row (multiple of 4 bytes) of width pixels at
+ * bitsPerPixel and of width2 pixels at bitsPerPixel and at bitsPerPixel2
+ * (a depth of 0 counts as 8). Returns that byte count; ST_BAD_PARAM for a
+ * negative width, ST_TOO_LARGE when a row does not fit a 31-bit count. */
 Z_EXPORT int32_t Z_API Z_CalcConvertSize(int32_t width, uint32_t bitsPerPixel, int32_t width2, uint32_t bitsPerPixel2);
+/* Copies every pixel row of src into dst; both allocated, in any storage
+ * kinds, with the same Width, Height and BitsPerPixel. Reports progress to
+ * the copy-status callback. ST_OK (also when dst == src); ST_BAD_PARAM (null
+ * record, other geometry), ST_BAD_STRUCT_SIZE, ST_INVALID_BITMAP (no
+ * storage), ST_NO_MEMORY, ST_FILE_WRITE (a row transfer stopped short) or the
+ * callback's stop, with the rows copied so far kept. */
 Z_EXPORT int32_t Z_API Z_CopyBitmapData(BitmapHandle* dst, BitmapHandle* src);
-/* Copies PlaybackParm0..2 and 5, the two playback flags, and the two playback
- * colours. */
+/* Copies PlaybackParm0..2 and 5, the two playback flags and the two playback
+ * colours (as stored) from src to dst. ST_OK; ST_BAD_PARAM (null record),
+ * ST_BAD_STRUCT_SIZE. */
 Z_EXPORT int32_t Z_API Z_CopyPlaybackParms(BitmapHandle* dst, BitmapHandle* src);
 
 /* Gray parameters of deep gray bitmaps: the significant bit window
@@ -428,8 +630,8 @@ Z_EXPORT int32_t Z_API Z_InitGrayParams(BitmapHandle* bitmap);
  * high = HighBit (BitsPerPixel - 1 when negative as a signed value),
  * bitCount = min(high - low + 1, BitsPerPixel), mask = 2^bitCount - 1,
  * shift = high - bitCount + 1, so that (value >> shift) & mask is the
- * significant part. Null outputs are skipped. A window with high < low gives
- * ST_BAD_PARAM. */
+ * significant part. Null outputs are skipped. ST_OK; a window with
+ * high < low, or without a significant bit, gives ST_BAD_PARAM. */
 Z_EXPORT int32_t Z_API Z_GetGrayParams(const BitmapHandle* bitmap, uint32_t* lowBit, uint32_t* highBit,
                                        uint32_t* bitCount, uint32_t* mask, uint32_t* shift);
 /* Copies LowBit, HighBit, MinVal, MaxVal, PaintLowBit, PaintHighBit, the
@@ -439,47 +641,108 @@ Z_EXPORT int32_t Z_API Z_GetGrayParams(const BitmapHandle* bitmap, uint32_t* low
  * unchanged. */
 Z_EXPORT int32_t Z_API Z_CopyGrayParams(BitmapHandle* dst, const BitmapHandle* src);
 /* Frees LUT and ValueMap (Z_OsFree), clears both pointers, LUTLength and
- * BF_LUT_USED. Z_FreeBitmap calls it. */
+ * BF_LUT_USED. Z_FreeBitmap calls it. ST_OK, or a check's failure. */
 Z_EXPORT int32_t Z_API Z_FreeGrayParams(BitmapHandle* bitmap);
 
 /* ---------------------------------------------------------------------------
  * File and redirected I/O
  * ------------------------------------------------------------------------- */
+/* The library's own open routine (the default of the thread's table). name
+ * is a wide path; openFlags: access Z_O_RDONLY, Z_O_WRONLY or Z_O_RDWR, plus
+ * Z_O_CREAT (create, replacing a file) or Z_O_TRUNC (empty an existing
+ * file); without either the file must exist. permFlags: Z_S_IREAD shares
+ * reading with others, with Z_S_IWRITE also writing. userData is ignored.
+ * Returns the handle (close it with Z_OsClose), or Z_INVALID_FILE. */
 Z_EXPORT Z_FILE Z_API Z_OsOpen(const wchar_t* name, int32_t openFlags, int32_t permFlags, void* userData);
+/* Reads up to count bytes (at most 2^31 - 1 per call) into buffer. Returns
+ * the bytes read (0 at the end of the file), or -1. userData is ignored. */
 Z_EXPORT int32_t Z_API Z_OsRead(Z_FILE file, void* buffer, uint32_t count, void* userData);
+/* Writes up to count bytes (at most 2^31 - 1 per call) from buffer. Returns
+ * the bytes written, or -1. userData is ignored. */
 Z_EXPORT int32_t Z_API Z_OsWrite(Z_FILE file, const void* buffer, uint32_t count, void* userData);
+/* Moves the file position by offset bytes from origin (0 start, 1 current,
+ * 2 end). Returns the new position, or -1. userData is ignored. */
 Z_EXPORT int64_t Z_API Z_OsSeek(Z_FILE file, int64_t offset, int32_t origin, void* userData);
+/* Closes the file (a delete-on-close file is removed). Returns 0, or -1.
+ * userData is ignored. */
 Z_EXPORT int32_t Z_API Z_OsClose(Z_FILE file, void* userData);
+/* Creates a file (replacing one of that name) shared for reading and
+ * writing, open for reading and writing; mode bits: Z_CREAT_READONLY_ATTR,
+ * Z_CREAT_HIDDEN_ATTR (which also opens it for reading only),
+ * Z_CREAT_SYSTEM_ATTR, Z_CREAT_DELETE_ON_CLOSE (removed when closed). Returns
+ * the handle (close it with Z_OsClose), or Z_INVALID_FILE. */
 Z_EXPORT Z_FILE Z_API Z_OsCreat(const wchar_t* name, int32_t mode);
+/* Deletes the named file. ST_OK; ST_BAD_PARAM (null name), ST_NO_MEMORY,
+ * ST_FILE_WRITE (it could not be deleted). */
 Z_EXPORT int32_t Z_API Z_OsDelete(const wchar_t* name);
-/* Fills buffer (Z_MAX_PATH wide characters) with a new unique file name in
- * the thread's temporary directory. */
+/* Fills buffer (Z_MAX_PATH wide characters) with a new unique file name, with
+ * the prefix "ZK", in the thread's temporary directory. The file is created
+ * empty to hold the name: the caller removes it (Z_OsDelete) or replaces it
+ * (Z_OsCreat). ST_OK; ST_BAD_PARAM (null buffer), ST_TEMP_FILE (no name could
+ * be made, or it would not fit), ST_NO_MEMORY. */
 Z_EXPORT int32_t Z_API Z_OsGetTempName(wchar_t* buffer);
+/* Sets the calling thread's temporary directory, where disk and tiled
+ * storage and Z_OsGetTempName put their files (a separator is appended when
+ * missing; the directory is not checked). It starts as the system's
+ * temporary path. ST_OK; ST_BAD_PARAM (null or empty, or longer than
+ * Z_MAX_PATH - 1 characters with the separator). */
 Z_EXPORT int32_t Z_API Z_SetTempDirectory(const wchar_t* directory);
-/* Copies the thread's temporary directory into buffer (Z_MAX_PATH). */
+/* Copies the calling thread's temporary directory, ending in a separator,
+ * into buffer (Z_MAX_PATH wide characters, cut to fit). ST_OK; ST_BAD_PARAM
+ * (null buffer), ST_NO_MEMORY. */
 Z_EXPORT int32_t Z_API Z_GetTempDirectory(wchar_t* buffer);
 
+/* The thread's current I/O routines, called with the user data installed
+ * with each; codecs and disk storage do their file I/O through them. */
+/* Calls the thread's open routine: a handle, or Z_INVALID_FILE. */
 Z_EXPORT Z_FILE Z_API Z_RedirectedOpen(const wchar_t* name, int32_t openFlags, int32_t permFlags);
+/* Calls the thread's read routine: bytes read, or -1. */
 Z_EXPORT int32_t Z_API Z_RedirectedRead(Z_FILE file, void* buffer, uint32_t count);
+/* Calls the thread's write routine: bytes written, or -1. */
 Z_EXPORT int32_t Z_API Z_RedirectedWrite(Z_FILE file, const void* buffer, uint32_t count);
+/* Calls the thread's seek routine (origin 0 start, 1 current, 2 end): the
+ * new position, or -1. */
 Z_EXPORT int64_t Z_API Z_RedirectedSeek(Z_FILE file, int64_t offset, int32_t origin);
+/* Calls the thread's close routine: 0, or -1. */
 Z_EXPORT int32_t Z_API Z_RedirectedClose(Z_FILE file);
 
+/* Installs the calling thread's five I/O routines, each given userData as
+ * its last argument; a null routine restores the library's own (Z_OsOpen and
+ * the rest). Z_RedirectIO(NULL, NULL, NULL, NULL, NULL, NULL) restores all.
+ * Always ST_OK. */
 Z_EXPORT int32_t Z_API Z_RedirectIO(Z_OPENPROC open, Z_READPROC read, Z_WRITEPROC write, Z_SEEKPROC seek,
                                     Z_CLOSEPROC close, void* userData);
+/* Exchanges the calling thread's routines and user data, for chaining: for
+ * each non-null pointer the current value is handed back through it; a
+ * routine passed in replaces the current one unless it is null, a user-data
+ * word passed in always replaces the current one. Always ST_OK. */
 Z_EXPORT int32_t Z_API Z_FilterIO(Z_OPENPROC* open, Z_READPROC* read, Z_WRITEPROC* write, Z_SEEKPROC* seek,
                                   Z_CLOSEPROC* close, void** userOpen, void** userRead, void** userWrite,
                                   void** userSeek, void** userClose);
+/* Reads the calling thread's five routines and user data words into the
+ * non-null pointers, changing nothing. Always ST_OK. */
 Z_EXPORT int32_t Z_API Z_GetFilterIOData(Z_OPENPROC* open, Z_READPROC* read, Z_WRITEPROC* write, Z_SEEKPROC* seek,
                                          Z_CLOSEPROC* close, void** userOpen, void** userRead, void** userWrite,
                                          void** userSeek, void** userClose);
-/* Redirects the thread's routines into a memory buffer (handle 5). A buffer
- * that may grow or shrink is resized with Z_Realloc, so it must come from
- * Z_Malloc (or be null); the one handed back by Z_StopRedirectToBuffer is the
- * caller's to release with Z_Free. The end of data never passes the buffer's
- * size. */
+/* Redirects the calling thread's I/O routines into the memory buffer of
+ * size bytes (null: none yet); the pseudo file handle Z_REDIRECT_HANDLE goes
+ * to *handle when handle is not null. flags: Z_REDIRECT_GROW (writes grow the
+ * buffer in 32 KiB steps), Z_REDIRECT_INPUT (the buffer holds size bytes of
+ * data; writes fail), Z_REDIRECT_SHRINK (closing shrinks it to the data). A
+ * buffer that may grow or shrink is resized with Z_Realloc, so it must come
+ * from Z_Malloc (or be null), and its address may change. The end of data
+ * never passes the buffer's size. *record receives a record the library
+ * allocated; end the redirection with Z_StopRedirectToBuffer on the same
+ * thread, which frees it (nested redirections end in reverse order). ST_OK;
+ * ST_BAD_PARAM (null record pointer), ST_NO_MEMORY. */
 Z_EXPORT int32_t Z_API Z_StartRedirectToBuffer(Z_REDIRECTBUFFER** record, Z_FILE* handle, uint32_t flags, void* buffer,
                                                size_t size);
+/* Ends a redirection: restores the routines saved by Z_StartRedirectToBuffer,
+ * hands back the buffer's current address through *buffer and the bytes of
+ * data through *dataSize (each when not null), and frees the record. The
+ * buffer is the caller's: one the library allocated or resized is released
+ * with Z_Free, so pass a buffer pointer whenever that may have happened.
+ * ST_OK; ST_BAD_PARAM (null record). */
 Z_EXPORT int32_t Z_API Z_StopRedirectToBuffer(Z_REDIRECTBUFFER* record, void** buffer, size_t* dataSize);
 
 /* ---------------------------------------------------------------------------
@@ -487,79 +750,191 @@ Z_EXPORT int32_t Z_API Z_StopRedirectToBuffer(Z_REDIRECTBUFFER* record, void** b
  * ------------------------------------------------------------------------- */
 #define Z_TLS_SLOTS 1024
 #define Z_TLS_OUT_OF_INDEXES 0xFFFFFFFFu
+/* Thread slots for the caller's own per-thread values: slot numbers are
+ * shared by the process, each thread has its own value in each slot. */
+/* Hands out a free slot number (0..Z_TLS_SLOTS - 1), or Z_TLS_OUT_OF_INDEXES
+ * when all are in use. Release it with Z_TlsFree. */
 Z_EXPORT uint32_t Z_API Z_TlsAlloc(void);
+/* Returns a slot: 1 when it was in use and is now free, else 0. Values
+ * stored in it are not freed. */
 Z_EXPORT int32_t Z_API Z_TlsFree(uint32_t slot);
+/* Stores the calling thread's value of a slot (the library never frees it).
+ * Returns 1, or 0 for a slot never handed out. */
 Z_EXPORT int32_t Z_API Z_TlsSetValue(uint32_t slot, void* value);
+/* Returns the calling thread's value of a slot: null when never set or for a
+ * slot number out of range. */
 Z_EXPORT void* Z_API Z_TlsGetValue(uint32_t slot);
 
+/* Installs the calling thread's progress callback for long operations (null
+ * removes it), called with userData; the previous callback and user data go
+ * to the non-null out pointers first. Always ST_OK. */
 Z_EXPORT int32_t Z_API Z_SetStatusCallBack(STATUSCALLBACK callback, void* userData, STATUSCALLBACK* previous,
                                            void** previousUserData);
+/* Returns the calling thread's progress callback (null when none) and its
+ * user data through userData when not null. */
 Z_EXPORT STATUSCALLBACK Z_API Z_GetStatusCallBack(void** userData);
+/* Installs the calling thread's callback for row copies (Z_CopyBitmap,
+ * Z_CopyBitmapData, the rectangle copies, storage rebuilds); null removes it.
+ * The previous callback and user data go to the non-null out pointers first.
+ * Always ST_OK. */
 Z_EXPORT int32_t Z_API Z_SetCopyStatusCallBack(COPYSTATUSCALLBACK callback, void* userData,
                                                COPYSTATUSCALLBACK* previous, void** previousUserData);
+/* Returns the calling thread's copy-status callback (null when none) and its
+ * user data through userData when not null. */
 Z_EXPORT COPYSTATUSCALLBACK Z_API Z_GetCopyStatusCallBack(void** userData);
+/* Stores the calling thread's font-substitution callback and its user data
+ * for the vector companion library (this library never calls it). Always
+ * ST_OK. */
 Z_EXPORT int32_t Z_API Z_VecSetSubstituteFontCallback(SUBSTITUTEFONTCALLBACK callback, void* userData);
+/* Returns the calling thread's font-substitution callback (null when none)
+ * and its user data through userData when not null. */
 Z_EXPORT SUBSTITUTEFONTCALLBACK Z_API Z_VecGetSubstituteFontCallback(void** userData);
 
-/* Runtime heap. */
+/* Runtime heap: blocks the library hands out with Z_Free as their release
+ * (redirection buffers, for one). */
+/* Allocates size bytes (0 gives a minimal block), not zeroed. Returns the
+ * block, to be freed with Z_Free, or null. */
 Z_EXPORT void* Z_API Z_Malloc(size_t size);
+/* Allocates count * size zeroed bytes. Returns the block, to be freed with
+ * Z_Free, or null (also when the product overflows). */
 Z_EXPORT void* Z_API Z_Calloc(size_t count, size_t size);
+/* Resizes a block of Z_Malloc or Z_Calloc to size bytes (null allocates).
+ * Returns the block's new address, or null with the old block untouched and
+ * still the caller's to free with Z_Free. */
 Z_EXPORT void* Z_API Z_Realloc(void* pointer, size_t size);
+/* Frees a block of Z_Malloc, Z_Calloc or Z_Realloc; null is ignored. */
 Z_EXPORT void Z_API Z_Free(void* pointer);
-/* Movable blocks, returned locked. Z_OsFree accepts null. */
+/* Movable blocks, returned locked: the form of every block a bitmap owns
+ * (Palette, LUT, ValueMap, region record) and of the palettes the library
+ * hands out. */
+/* Allocates a movable block of size bytes, not zeroed, returned locked.
+ * Returns its address, to be freed with Z_OsFree, or null. */
 Z_EXPORT void* Z_API Z_OsAlloc(size_t size);
+/* Z_OsAlloc, zero-filled when zeroFlag is not 0. Free with Z_OsFree. */
 Z_EXPORT void* Z_API Z_OsAllocInit(size_t size, int32_t zeroFlag);
+/* Resizes a block of the Z_OsAlloc family to size bytes (null allocates).
+ * Returns the block's new address, or null with the old block untouched and
+ * still to be freed with Z_OsFree. */
 Z_EXPORT void* Z_API Z_OsReAlloc(void* pointer, size_t size);
+/* Z_OsReAlloc, the growth zero-filled when zeroFlag is not 0. */
 Z_EXPORT void* Z_API Z_OsReAllocInit(void* pointer, size_t size, int32_t zeroFlag);
+/* Unlocks and frees a block of the Z_OsAlloc family; null is ignored. */
 Z_EXPORT void Z_API Z_OsFree(void* pointer);
-/* The same with a source position for leak reports (ignored). */
+/* The Dump forms take a source position for leak reports, which this build
+ * ignores; each is the call of its name without "Dump", with the same result
+ * and release. */
+/* Z_Malloc(size). */
 Z_EXPORT void* Z_API Z_MallocDump(size_t size, const char* file, int32_t line);
+/* Z_Calloc(count, size). */
 Z_EXPORT void* Z_API Z_CallocDump(size_t count, size_t size, const char* file, int32_t line);
+/* Z_Realloc(pointer, size). */
 Z_EXPORT void* Z_API Z_ReallocDump(void* pointer, size_t size, const char* file, int32_t line);
+/* Z_Free(pointer). */
 Z_EXPORT void Z_API Z_FreeDump(void* pointer, const char* file, int32_t line);
+/* Z_OsAlloc(size). */
 Z_EXPORT void* Z_API Z_OsAllocDump(size_t size, const char* file, int32_t line);
+/* Z_OsAllocInit(size, zeroFlag). */
 Z_EXPORT void* Z_API Z_OsAllocInitDump(size_t size, int32_t zeroFlag, const char* file, int32_t line);
+/* Z_OsReAlloc(pointer, size). */
 Z_EXPORT void* Z_API Z_OsReAllocDump(void* pointer, size_t size, const char* file, int32_t line);
+/* Z_OsReAllocInit(pointer, size, zeroFlag). */
 Z_EXPORT void* Z_API Z_OsReAllocInitDump(void* pointer, size_t size, int32_t zeroFlag, const char* file, int32_t line);
+/* Z_OsFree(pointer). */
 Z_EXPORT void Z_API Z_OsFreeDump(void* pointer, const char* file, int32_t line);
+/* Would print the leak report under title; this build keeps none, so it
+ * does nothing. */
 Z_EXPORT void Z_API Z_DumpMemoryReport(const char* title);
 
-/* Runtime wrappers sharing the library's runtime state. */
+/* Runtime wrappers, so that callers share the library's runtime state. */
+/* The runtime's setlocale(category, locale): the locale's name, owned by the
+ * runtime (not to be freed), or null. */
 Z_EXPORT char* Z_API Z_Setlocale(int32_t category, const char* locale);
+/* The runtime's strtok(string, delimiters), with its one hidden position
+ * shared with the library: the next token inside string, or null (also for
+ * null delimiters). */
 Z_EXPORT char* Z_API Z_Strtok(char* string, const char* delimiters);
+/* The runtime's strtod(string, end): the value read. A null string gives 0.0
+ * and *end = null. */
 Z_EXPORT double Z_API Z_Strtod(const char* string, char** end);
 
 /* ---------------------------------------------------------------------------
  * Region hook table
  * ------------------------------------------------------------------------- */
+/* Installs the region hook table for the whole process (not per thread): the
+ * Z_DISPATCH_ENTRIES entries are copied, so *table need not outlive the
+ * call, but the functions must stay callable. ST_OK; ST_BAD_PARAM for a null
+ * table (nothing changes). */
 Z_EXPORT int32_t Z_API Z_SetDisDispatch(const Z_DISDISPATCH* table);
+/* Copies the installed hook table into *table. ST_OK; ST_BAD_PARAM (null
+ * table), ST_NO_DISPATCH (no table installed: entry 1 is null). */
 Z_EXPORT int32_t Z_API Z_GetDisDispatch(Z_DISDISPATCH* table);
-/* Initialise-once: clears the table only when none was installed; returns
- * the installed flag's previous value. */
+/* Initialise-once, called when the library is loaded: clears the table only
+ * when none was installed, then marks it installed. Returns the installed
+ * flag's previous value (0 or 1). __cdecl on 32-bit Windows. */
 Z_EXPORT int32_t Z_CDECL Z_ResetDisDispatch(void);
+/* Frees a region record: its two element arrays (Z_OsFree), its two graphic
+ * objects (GDI objects on Windows, Z_Free blocks elsewhere) and the record
+ * itself (Z_OsFree). Z_FreeBitmap calls it for a bitmap's Region; a caller
+ * that calls it clears the Region pointer. ST_OK; ST_BAD_PARAM for null. */
 Z_EXPORT int32_t Z_API Z_DeleteZarnRgn(ZarnRgn* region);
+/* Tells the region hooks that the bitmap is now width x height pixels (entry
+ * 6), so its region follows. Returns the hook's result, or ST_OK when no
+ * such hook is installed. */
 Z_EXPORT int32_t Z_API Z_KrnSizeBitmapRgn(BitmapHandle* bitmap, int32_t width, int32_t height);
 
 /* ---------------------------------------------------------------------------
  * Row access: results are bytes moved, or a negative status
  * ------------------------------------------------------------------------- */
+/* Row access in every storage kind. Rows are stored row indices (0 is the
+ * first stored row; ViewPerspective is not applied) and bytes are moved in
+ * the bitmap's own pixel format; a span may run on into the following rows.
+ * Failures: ST_BAD_PARAM (null record or buffer, a span that leaves the
+ * storage, more than 2^31 - 1 bytes), ST_BAD_STRUCT_SIZE, ST_NO_MEMORY (a
+ * record without storage), ST_FILE_SEEK, ST_FILE_READ, ST_FILE_WRITE (disk);
+ * the compressed kinds answer through their row store. */
+/* Reads `bytes` bytes from the start of row `row` into buffer. Returns the
+ * bytes read, or a failure. */
 Z_EXPORT int32_t Z_API Z_GetBitmapRow(BitmapHandle* bitmap, uint8_t* buffer, uint32_t row, uint32_t bytes);
+/* Writes `bytes` bytes from buffer to the start of row `row`. Returns the
+ * bytes written, or a failure. */
 Z_EXPORT int32_t Z_API Z_PutBitmapRow(BitmapHandle* bitmap, const uint8_t* buffer, uint32_t row, uint32_t bytes);
+/* Reads `bytes` bytes of row `row` from the byte that holds pixel `column`
+ * on (below 8 bits per pixel the byte is shared with the pixels before it).
+ * Returns the bytes read, or a failure. */
 Z_EXPORT int32_t Z_API Z_GetBitmapRowCol(BitmapHandle* bitmap, uint8_t* buffer, uint32_t row, uint32_t column,
                                          uint32_t bytes);
+/* Writes `bytes` bytes to row `row` from the byte that holds pixel `column`
+ * on (whole bytes: below 8 bits per pixel the pixels before the column in
+ * that byte are overwritten too). Returns the bytes written, or a failure. */
 Z_EXPORT int32_t Z_API Z_PutBitmapRowCol(BitmapHandle* bitmap, const uint8_t* buffer, uint32_t row, uint32_t column,
                                          uint32_t bytes);
-/* segments: count values read as (start, end) pixel spans of buffer. */
+/* Writes spans of one row: segments holds count values read as pairs
+ * (start, end), pixels start..end-1 of buffer going to columns
+ * xOffset + start..xOffset + end - 1; pixels outside the spans keep their
+ * values (at 2 bits per pixel a span starting at the third pixel of a byte
+ * also leaves that byte's fourth pixel). Empty spans and an odd last value
+ * are skipped. Returns the bytes touched; ST_BAD_PARAM (null argument, a
+ * span past the row's end), or a row-access failure. */
 Z_EXPORT int32_t Z_API Z_PutBitmapRowSegments(BitmapHandle* bitmap, const uint8_t* buffer, uint32_t row,
                                               uint32_t xOffset, const uint32_t* segments, uint32_t count);
 
 /* ---------------------------------------------------------------------------
  * Buffer conversion (in place; the buffer holds the larger row)
  * ------------------------------------------------------------------------- */
+/* Converts width pixels (>= 1) in buffer in place from srcBits in srcOrder to
+ * dstBits in dstOrder. Depths: 0 (8-bit gray), 1..8 (palette indices), 12,
+ * 16, 24, 32, 48, 64; orders CO_RGB, CO_BGR, CO_GRAY, CO_ALT_BGR as each
+ * depth allows. Palettes of palettized depths (256 entries for an 8-bit
+ * source; null as described at Z_ConvertBufferExt). buffer must hold
+ * Z_CalcConvertSize(width, srcBits, width, dstBits) bytes. It is
+ * Z_ConvertBufferExt with CVT_SRC_GRAY / CVT_DST_GRAY taken from the orders
+ * and no bit range. ST_OK; ST_BAD_PARAM (null buffer, width < 1, a depth or
+ * order not accepted) with the buffer untouched. Nothing is allocated. */
 Z_EXPORT int32_t Z_API Z_ConvertBuffer(uint8_t* buffer, int32_t width, int32_t srcBits, uint32_t dstBits,
                                        int32_t srcOrder, uint32_t dstOrder, const RGBQUAD* srcPalette,
                                        const RGBQUAD* dstPalette);
-/* Z_ConvertBufferExt: flags are CVT_ bits; lowBit and highBit give the gray
+/* Z_ConvertBuffer with flags (CVT_ bits; CVT_OPAQUE_ALPHA writes opaque alpha
+ * to 32- and 64-bit destinations, else 0). lowBit and highBit give the gray
  * bit range with CVT_SRC_RANGE or CVT_DST_RANGE (-1: unset). For 12- and
  * 16-bit gray sources srcPalette is the LUT, indexed by the sample restricted
  * to its range (capped at the source bits). Refusals are ST_BAD_PARAM and
@@ -595,52 +970,267 @@ Z_EXPORT int32_t Z_API Z_ConvertBufferExt(uint8_t* buffer, int32_t width, int32_
 /* ---------------------------------------------------------------------------
  * Palettes
  * ------------------------------------------------------------------------- */
+/* Copies entries first.. of the bitmap's palette into entries: n =
+ * min(first + count, ColorCount) - first of them. Returns n; 0 when bitmap,
+ * entries or Palette is null or first >= ColorCount. StructSize is not
+ * checked. */
 Z_EXPORT uint32_t Z_API Z_GetBitmapPaletteEntries(const BitmapHandle* bitmap, uint32_t first, uint32_t count,
                                                   RGBQUAD* entries);
+/* Z_GetBitmapPaletteEntries as a status: ST_OK only when exactly count
+ * entries were copied; ST_INVALID_BITMAP (null bitmap), ST_BAD_STRUCT_SIZE,
+ * ST_BAD_PARAM (count 0, more than 8 bits per pixel, fewer entries). */
 Z_EXPORT int32_t Z_API Z_GetBitmapColors(const BitmapHandle* bitmap, uint32_t first, uint32_t count, RGBQUAD* entries);
+/* Writes count entries at index first of an allocated bitmap's palette
+ * (first + count <= ColorCount, up to 8 bits per pixel). A missing palette
+ * is made first (ColorCount zeroed entries, owned by the bitmap). ST_OK
+ * (nothing written for count <= 0); ST_INVALID_BITMAP (null bitmap, no
+ * storage), ST_BAD_STRUCT_SIZE, ST_BAD_PARAM (range, depth, null entries),
+ * ST_NO_MEMORY. */
 Z_EXPORT int32_t Z_API Z_PutBitmapColors(BitmapHandle* bitmap, int32_t first, int32_t count, const RGBQUAD* entries);
+/* Returns a new block (Z_OsAlloc) holding a copy of count entries, 1..256;
+ * the caller frees it with Z_OsFree, or stores it in a bitmap's Palette,
+ * which then owns it. Null for null entries, count 0 or above 256, or no
+ * memory. */
 Z_EXPORT RGBQUAD* Z_API Z_CreateNewPalette(const RGBQUAD* entries, uint32_t count);
+/* Frees the bitmap's palette, then with non-null entries gives it a copy of
+ * count of them (ColorCount = count). Returns 1 on success (also for null
+ * entries: no palette, ColorCount kept); 0 for a null bitmap, or when the
+ * copy was not made (count 0 or above 256, no memory), the bitmap then
+ * having no palette. StructSize is not checked. */
 Z_EXPORT int32_t Z_API Z_SetBitmapNewPalette(BitmapHandle* bitmap, const RGBQUAD* entries, uint32_t count);
+/* Replaces dst's palette (freed) with a copy of src's and its ColorCount; a
+ * src without palette leaves dst with none and ColorCount 0. Returns 1
+ * (ST_OK) on success, also when dst == src (nothing changes); 0 when the
+ * copy could not be allocated (dst then has no palette); ST_BAD_PARAM (null
+ * record), ST_BAD_STRUCT_SIZE. */
 Z_EXPORT int32_t Z_API Z_CopyBitmapPalette(BitmapHandle* dst, const BitmapHandle* src);
+/* Replaces the bitmap's palette with a copy of the palette object's entries
+ * (2..256 of them; ColorCount follows). The object stays the caller's. ST_OK;
+ * ST_INVALID_BITMAP (null bitmap), ST_BAD_STRUCT_SIZE, ST_BAD_PARAM (null
+ * object, size outside 2..256; the old palette is kept), ST_NO_MEMORY (the
+ * old palette is already freed: Palette is null). */
 Z_EXPORT int32_t Z_API Z_SetBitmapPalette(BitmapHandle* bitmap, HPALETTE palette);
+/* Returns a new palette object holding the bitmap's palette, to be released
+ * with Z_DeletePalette; null for a null bitmap, a wrong StructSize, no
+ * palette, ColorCount 0 or above 256, or no memory. */
 Z_EXPORT HPALETTE Z_API Z_DupBitmapPalette(const BitmapHandle* bitmap);
+/* Returns a new palette object holding count entries, 1..256 (reserved bytes
+ * kept), to be released with Z_DeletePalette; null for null entries, count 0
+ * or above 256, or no memory. */
 Z_EXPORT HPALETTE Z_API Z_CreatePalette(const RGBQUAD* entries, uint32_t count);
+/* Returns a new palette object with the same entries, to be released with
+ * Z_DeletePalette; null for a null or empty palette, or no memory. */
 Z_EXPORT HPALETTE Z_API Z_DupPalette(HPALETTE palette);
+/* Returns the number of entries of a palette object; 0 for null. */
 Z_EXPORT uint32_t Z_API Z_GetPaletteSize(HPALETTE palette);
+/* Copies min(count, size - first) entries from index first of a palette
+ * object into entries. Returns the number copied; 0 for a null argument or
+ * first at or past the size. */
 Z_EXPORT uint32_t Z_API Z_GetPaletteEntries(HPALETTE palette, uint32_t first, uint32_t count, RGBQUAD* entries);
+/* Writes min(count, size - first) entries at index first of a palette object
+ * (its size does not change). Returns the number written; 0 for a null
+ * argument or first at or past the size. */
 Z_EXPORT uint32_t Z_API Z_SetPaletteEntries(HPALETTE palette, uint32_t first, uint32_t count, const RGBQUAD* entries);
+/* Releases a palette object from Z_CreatePalette, Z_DupPalette,
+ * Z_DupBitmapPalette or Z_CreateSystemPalette (DeleteObject on Windows).
+ * Returns 1, or 0 for null. */
 Z_EXPORT int32_t Z_API Z_DeletePalette(HPALETTE palette);
+/* Returns the display's palette as a new palette object, to be released with
+ * Z_DeletePalette, or null where the display has none (always without GDI). */
 Z_EXPORT HPALETTE Z_API Z_CreateSystemPalette(void);
 /* Nearest palette entry by Euclidean distance in RGB (colour is 0x00BBGGRR),
  * the first entry winning a tie; 0xFFFFFFFF when the bitmap has no palette of
  * 1..256 entries, 0 for a null bitmap. */
 Z_EXPORT uint32_t Z_API Z_GetNearestPaletteIndex(const BitmapHandle* bitmap, COLORREF colour);
+/* The index of the entry nearest to (red, green, blue), channels 0..255, by
+ * the library's rule: white looks at the last entry, then the first; black
+ * at the first, then the last; otherwise the smallest squared RGB distance,
+ * the first exact entry ending the search, a tie going to a later entry
+ * only when it has the target's channel order. 0 for null entries,
+ * 0xFFFFFFFF for count 0. */
 Z_EXPORT uint32_t Z_API Z_FindPaletteIndex(const RGBQUAD* entries, uint32_t count, uint32_t red, uint32_t green,
                                            uint32_t blue);
+/* Returns a new block (Z_OsAlloc) with the fixed palette of bits 1..8
+ * (2^bits entries; 0 gives the 2-entry one); the caller frees it with
+ * Z_OsFree. Null above 8 bits or without memory. */
 Z_EXPORT RGBQUAD* Z_API Z_CreateFixedPalette(uint32_t bits);
+/* Copies the fixed palette of bits 1..8 (2^bits entries) into entries; bits
+ * 0 writes the 256-level gray ramp. ST_OK; ST_BAD_PARAM (null entries, bits
+ * above 8). */
 Z_EXPORT int32_t Z_API Z_GetFixedPalette(RGBQUAD* entries, uint32_t bits);
+/* Returns the library's constant fixed palette of bits 1..8 (2^bits
+ * entries): not a copy, never to be written or freed. Null for other bits. */
 Z_EXPORT const RGBQUAD* Z_API Z_IntGetFixedPalette(int32_t bits);
+/* Gives the bitmap a new fixed palette chosen by ColorCount (not the depth):
+ * 2, 8, 16, 32, 64, 128 and 256 take the table of that many entries; 4 takes
+ * black, white, black, (85, 85, 85). ColorCount is kept. The palette the
+ * bitmap held is freed (so it must be the bitmap's own, not one shared with
+ * its duplication source). ST_OK; ST_BAD_PARAM (null bitmap), 0 for any
+ * other ColorCount, ST_NO_MEMORY; in both the bitmap is unchanged. */
 Z_EXPORT int32_t Z_API Z_CreateBitmapFixedPalette(BitmapHandle* bitmap);
+/* Returns a new block (Z_OsAlloc) with a gray ramp of 2^b entries, b = bits
+ * modulo 32 (bits 0 means 8): entry i is floor(i * 255 / (2^b - 1)) in all
+ * three channels. For palettes and for the LUTs of deep gray bitmaps (12
+ * bits: 4096 entries). The caller frees it with Z_OsFree. Null when b is 0
+ * (bits 32, 64, ...) or without memory. */
 Z_EXPORT RGBQUAD* Z_API Z_CreateGrayPalette(int32_t bits);
+/* Gives a bitmap of 1..8 bits per pixel a new gray-ramp palette of
+ * 2^BitsPerPixel entries and sets ColorCount. The palette it held is freed
+ * (so it must be the bitmap's own). ST_OK; ST_BAD_PARAM (null bitmap),
+ * ST_BAD_BPP (other depths), ST_NO_MEMORY; on failure the bitmap is
+ * unchanged. */
 Z_EXPORT int32_t Z_API Z_CreateBitmapGrayPalette(BitmapHandle* bitmap);
+/* Classifies count entries: GRAY_NO when some entry is not gray (channels
+ * differ); GRAY_ORDERED for the ramp 0, s, 2s, ... and GRAY_ORDERED_INVERSE
+ * for 255, 255 - s, ..., with s = floor(255 / (count - 1)) and 8-bit
+ * wrapping; else GRAY_NOT_ORDERED. Below 2 entries entry 0 decides (0
+ * ordered, 255 inverse, else not ordered; it is read even for count 0).
+ * ST_BAD_PARAM for null entries. */
 Z_EXPORT int32_t Z_API Z_IsGrayScalePalette(const RGBQUAD* entries, uint32_t count);
+/* Classifies a bitmap as Z_IsGrayScalePalette does. Not CO_GRAY: its palette
+ * (GRAY_NO above 8 bits, with no palette or with fewer entries than
+ * ColorCount). CO_GRAY: GRAY_ORDERED without a LUT in force; else GRAY_NO
+ * when an entry of the significant range is not gray, then the entry of the
+ * lowest sample decides (0 ordered, 255 inverse, else not ordered).
+ * ST_BAD_PARAM (null bitmap), ST_BAD_STRUCT_SIZE. */
 Z_EXPORT int32_t Z_API Z_IsGrayScaleBitmap(const BitmapHandle* bitmap);
+/* Returns 1 when the first min(count, ColorCount, 256) entries of the
+ * bitmap's palette equal entries in red, green and blue (the reserved byte
+ * is ignored), also when the bitmap has no palette; 0 at a difference, for a
+ * null bitmap, or for null entries against a palette. */
 Z_EXPORT int32_t Z_API Z_CompareBitmapToPalette(const BitmapHandle* bitmap, const RGBQUAD* entries, uint32_t count);
 
 /* ---------------------------------------------------------------------------
  * Bitmap lists
  * ------------------------------------------------------------------------- */
 #define Z_LIST_APPEND 0xFFFFFFFFu
+/* A list holds bitmap records by value and owns what they describe. Every
+ * call gives ST_BAD_PARAM for a null list handle. */
+/* Makes a new, empty list in *list (null until it succeeds); release it with
+ * Z_DestroyBitmapList. ST_OK; ST_BAD_PARAM (null pointer), ST_NO_MEMORY. */
 Z_EXPORT int32_t Z_API Z_CreateBitmapList(BitmapList* list);
+/* Frees every bitmap the list holds (Z_FreeBitmap), then the list; the
+ * handle is invalid afterwards. ST_OK; ST_BAD_PARAM. */
 Z_EXPORT int32_t Z_API Z_DestroyBitmapList(BitmapList list);
+/* Stores the number of records in *count. ST_OK; ST_BAD_PARAM (null count). */
 Z_EXPORT int32_t Z_API Z_GetBitmapListCount(BitmapList list, uint32_t* count);
+/* Copies the record *item into the list at index (any index at or past the
+ * end, such as Z_LIST_APPEND, appends; later records move up). This hands
+ * the bitmap to the list: its storage, palette, region, overlays and gray
+ * tables now belong to the list, which frees them. The caller's record is
+ * left as it was, a stale second description: do not Z_FreeBitmap it or use
+ * its pixels; discard it or refill it (Z_InitBitmap). Take the bitmap back
+ * with Z_RemoveBitmapListItem. ST_OK; ST_BAD_PARAM (null item),
+ * ST_BAD_STRUCT_SIZE, ST_NO_MEMORY (the list is unchanged and the bitmap
+ * still the caller's). */
 Z_EXPORT int32_t Z_API Z_InsertBitmapListItem(BitmapList list, uint32_t index, const BitmapHandle* item);
+/* Takes the record at index out of the list (later records move down). With
+ * a non-null item it is copied to *item (overwritten, not freed) and the
+ * caller owns the bitmap again (Z_FreeBitmap). With a null item it is
+ * dropped without being freed: use Z_DeleteBitmapListItems to free. ST_OK;
+ * ST_BAD_PARAM (index past the end), ST_BAD_STRUCT_SIZE (the slot was
+ * cleared by Z_SetBitmapListItem; the list is unchanged). */
 Z_EXPORT int32_t Z_API Z_RemoveBitmapListItem(BitmapList list, uint32_t index, BitmapHandle* item);
+/* Removes min(count, records - index) records at index and frees each
+ * (Z_FreeBitmap). ST_OK; ST_BAD_PARAM (index past the end, count 0);
+ * ST_BAD_STRUCT_SIZE at a cleared slot, which stops the loop with the
+ * records before it already freed. */
 Z_EXPORT int32_t Z_API Z_DeleteBitmapListItems(BitmapList list, uint32_t index, uint32_t count);
+/* Copies the record at index to *item (overwritten, not freed); the list
+ * keeps the bitmap, so the copy only shares its storage: do not free it,
+ * and use it only while the list holds the bitmap unchanged. ST_OK;
+ * ST_BAD_PARAM (index past the end, null item), ST_BAD_STRUCT_SIZE. */
 Z_EXPORT int32_t Z_API Z_GetBitmapListItem(BitmapList list, uint32_t index, BitmapHandle* item, int32_t structSize);
+/* Copies *item over the record at index, handing that bitmap to the list as
+ * Z_InsertBitmapListItem does. The bitmap that was there is not freed: take
+ * it out first (Z_GetBitmapListItem, then Z_FreeBitmap) or it leaks. A null
+ * item clears the slot. ST_OK; ST_BAD_PARAM (index past the end),
+ * ST_BAD_STRUCT_SIZE. */
 Z_EXPORT int32_t Z_API Z_SetBitmapListItem(BitmapList list, uint32_t index, const BitmapHandle* item);
+/* Makes *newList a new list of independent copies (Z_CopyBitmap) of
+ * min(count, records - index) records from index (empty when index is past
+ * the end); the source is unchanged. Release it with Z_DestroyBitmapList.
+ * ST_OK; ST_BAD_PARAM (null newList); a failed copy frees every copy made and
+ * the new list, leaves *newList null and is returned. */
 Z_EXPORT int32_t Z_API Z_CopyBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index, uint32_t count);
+/* Moves min(count, records - index) records from index into a new list
+ * *newList, which owns them from then on (no pixels are copied); the source
+ * closes the gap. Release it with Z_DestroyBitmapList. ST_OK; ST_BAD_PARAM
+ * (null newList, index past the end, count 0), ST_NO_MEMORY (the source is
+ * unchanged, *newList null). */
 Z_EXPORT int32_t Z_API Z_MoveBitmapListItems(BitmapList* newList, BitmapList list, uint32_t index, uint32_t count);
+
+/* ---------------------------------------------------------------------------
+ * Status names and version
+ * ------------------------------------------------------------------------- */
+/* A static string "ST_NAME: meaning" for every ST_ code above, and "unknown
+ * status" for any other value. Never null; the caller frees nothing. */
+Z_EXPORT const char* Z_API Z_StatusName(int32_t status);
+/* ZK_VERSION as the library was built (compare with the header's ZK_VERSION
+ * to detect a library of another release). */
+Z_EXPORT int32_t Z_API Z_GetVersion(void);
+
+/* ---------------------------------------------------------------------------
+ * Geometry: streaming resize, trigonometry
+ * ------------------------------------------------------------------------- */
+/* A streaming resize in progress, from Z_StartResize to Z_StopResize. */
+typedef struct Z_ResizeState* ResizeHandle;
+
+/* Starts resizing an oldWidth x oldHeight image (pixels and rows, both above
+ * 0) to newWidth x newHeight. A new size of 0 in one dimension is derived from
+ * the other, keeping the aspect ratio (rounded to nearest). A negative size,
+ * both new sizes 0 or a derived size that is not above 0 gives ST_BAD_PARAM;
+ * a refused allocation ST_NO_MEMORY; *handle is then NULL. On ST_OK *handle
+ * is a new state that the caller releases with Z_StopResize. */
+Z_EXPORT int32_t Z_API Z_StartResize(int32_t oldWidth, int32_t oldHeight, int32_t newWidth, int32_t newHeight,
+                                     ResizeHandle* handle);
+/* Takes source row `row` (0..oldHeight-1; rows may come in any order), whose
+ * packed pixels (bitsPerPixel 1-8, 12, 16, 24, 32, 48 or 64; no row padding)
+ * are in buffer, and scales it to the new width in place: destination pixel j
+ * is source pixel floor(j * oldWidth / newWidth). buffer must hold a row of
+ * the larger width. Returns how many destination rows this row stands for,
+ * floor((row+1) * newHeight / oldHeight) - floor(row * newHeight / oldHeight)
+ * (0 leaves buffer untouched: drop the row), and stores it in *copies and the
+ * new width in *newWidth. Unchanged sizes return 1 with buffer untouched.
+ * ST_BAD_PARAM for a null pointer or a row out of range, ST_BAD_BPP for
+ * another depth, ST_TOO_LARGE for a row above 0x7FFFFFFC bytes; the state is
+ * then unchanged. */
+Z_EXPORT int32_t Z_API Z_Resize(uint8_t* buffer, int32_t row, int32_t bitsPerPixel, int32_t* newWidth, int32_t* copies,
+                                ResizeHandle handle);
+/* Frees the state of Z_StartResize. ST_BAD_PARAM for NULL. */
+Z_EXPORT int32_t Z_API Z_StopResize(ResizeHandle handle);
+
+/* Scales a packed row (depths as Z_Resize) by nearest neighbour: writes count
+ * pixels to dst. Pixel j copies the src pixel reached after j steps from pixel
+ * `start`; a step moves `step` pixels and adds `remainder` to an accumulator
+ * that starts at `accumulator`, and when that reaches `denominator` it loses
+ * denominator and the position moves one pixel more (start 0, accumulator 0,
+ * step n / m, remainder n % m, denominator m give pixel floor(j * n / m)).
+ * With enlarge non-zero the position moves on the accumulator alone (step is
+ * ignored) except at 48 and 64 bits. At 1, 2, 3, 5, 6, 7 and 12 bits the
+ * first `bytes` bytes of dst are cleared first, so src and dst must not
+ * overlap there. Does nothing for a null row, another depth, a negative
+ * count, bytes, start or step, a denominator below 1, a remainder or
+ * accumulator outside 0..denominator-1, or a position past 2^31 - 1. */
+Z_EXPORT void Z_API Z_GetResizedScanLine(int32_t bitsPerPixel, int32_t bytes, int32_t start, int32_t step,
+                                         int32_t accumulator, int32_t remainder, const uint8_t* src, uint8_t* dst,
+                                         int32_t count, int32_t denominator, int32_t enlarge);
+/* The same pixels as Z_GetResizedScanLine, safe with dst == src: with enlarge
+ * non-zero dst is filled from its last pixel back (enlarging in place);
+ * otherwise forwards, each pixel written into its own bits without clearing
+ * (shrinking in place). bytes is not used. */
+Z_EXPORT void Z_API Z_ReverseGetResizedScanLine(int32_t bitsPerPixel, int32_t bytes, int32_t start, int32_t step,
+                                                int32_t accumulator, int32_t remainder, const uint8_t* src,
+                                                uint8_t* dst, int32_t count, int32_t denominator, int32_t enlarge);
+
+/* 16384 * sin(angle), angle in hundredths of a degree (a clockwise turn),
+ * from a table of round(16384 * sin) per hundredth of 0-90 degrees. Angles
+ * outside 0..36000 are taken modulo 36000. */
+Z_EXPORT int32_t Z_API Z_SinValue(int32_t angle);
+/* 16384 * cos(angle), from the same table and with the same angles. */
+Z_EXPORT int32_t Z_API Z_CosValue(int32_t angle);
+/* Floor of the square root of n, exact for every 32-bit n. */
+Z_EXPORT uint32_t Z_API Z_SQRT(uint32_t n);
 
 #ifdef __cplusplus
 }

@@ -3,7 +3,7 @@
 # zk tool's demo on its built-in image once the tool is part of the build.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/setup.sh
+bash scripts/setup.sh demo
 cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DZK_BUILD_TESTS=OFF >/dev/null
 cmake --build build/release -j "$(nproc 2>/dev/null || echo 2)"
 if [ -x build/release/tools/zk ]; then

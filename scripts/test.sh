@@ -3,7 +3,7 @@
 # UndefinedBehaviorSanitizer, then the 32-bit (-m32) library.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/setup.sh
+bash scripts/setup.sh test
 jobs=$(nproc 2>/dev/null || echo 2)
 
 echo "== 64-bit, sanitizers =="

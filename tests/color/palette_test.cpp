@@ -164,8 +164,44 @@ TEST(GrayPalettes, RampsAndSizes) {
     BitmapHandle f = record(4, 0);
     zktest::FaultScope fault(FaultKind::Allocation, 1);
     EXPECT_EQ(Z_CreateBitmapGrayPalette(&f), ST_NO_MEMORY);
-    EXPECT_EQ(f.ColorCount, 16u);
+    EXPECT_EQ(f.ColorCount, 0u);  // a refusal leaves the record as it was
     EXPECT_EQ(f.Palette, nullptr);
+}
+
+// Both calls that build a bitmap's palette replace the one it holds: the old
+// block is freed (the leak check of the sanitizer build sees one that is not),
+// and a failed allocation keeps the old palette and count.
+TEST(BitmapPalettes, ReplacingFreesThePreviousBlock) {
+    struct Case {
+        const char* name;
+        int32_t (*make)(BitmapHandle*);
+        bool gray;
+    } cases[] = {{"gray", Z_CreateBitmapGrayPalette, true}, {"fixed", Z_CreateBitmapFixedPalette, false}};
+    for (const Case& c : cases) {
+        for (int32_t bpp : {1, 4, 8}) {
+            SCOPED_TRACE(::testing::Message() << c.name << " " << bpp);
+            BitmapHandle b{};
+            ASSERT_EQ(Z_CreateBitmap(&b, Z_BITMAPHANDLE_SIZE, TYPE_CONV, 3, 2, bpp, CO_RGB, nullptr, 0, nullptr, 0),
+                      ST_OK);
+            ASSERT_NE(b.Palette, nullptr);
+            for (int round = 0; round < 2; ++round) ASSERT_EQ(c.make(&b), ST_OK);
+            const uint32_t n = 1u << bpp;
+            ASSERT_EQ(b.ColorCount, n);
+            const RGBQUAD* want = c.gray ? nullptr : Z_IntGetFixedPalette(bpp);
+            for (uint32_t i = 0; i < n; ++i) {
+                const auto v = static_cast<int>(i * 255 / (n - 1));
+                EXPECT_TRUE(same(b.Palette[i], want ? want[i] : rgb(v, v, v))) << i;
+            }
+            RGBQUAD* const held = b.Palette;
+            {
+                zktest::FaultScope fault(FaultKind::Allocation, 1);
+                EXPECT_EQ(c.make(&b), ST_NO_MEMORY);
+            }
+            EXPECT_EQ(b.Palette, held);
+            EXPECT_EQ(b.ColorCount, n);
+            Z_FreeBitmap(&b);
+        }
+    }
 }
 
 TEST(GrayTest, PaletteClassification) {
