@@ -131,11 +131,11 @@ extern "C" int32_t Z_API Z_CreateBitmapFixedPalette(BitmapHandle* bitmap) {
         case 256: depth = 8; break;
         default: return 0;
     }
-    // ColorCount is left alone. The block it replaces is the bitmap's own and
-    // goes; a failed allocation keeps it.
+    // ColorCount is left alone. The pointer it replaces is overwritten, not
+    // freed: a duplicate made without its own palette shares its source's
+    // block, which must outlive this call. A failed allocation keeps it.
     RGBQUAD* block = zk::copy_palette_block(zk::fixed_palette(depth), bitmap->ColorCount);
     if (!block) return ST_NO_MEMORY;
-    Z_OsFree(bitmap->Palette);
     bitmap->Palette = block;
     return ST_OK;
 }
@@ -150,12 +150,9 @@ extern "C" RGBQUAD* Z_API Z_CreateGrayPalette(int32_t bits) {
 extern "C" int32_t Z_API Z_CreateBitmapGrayPalette(BitmapHandle* bitmap) {
     if (!bitmap) return ST_BAD_PARAM;
     if (bitmap->BitsPerPixel < 1 || bitmap->BitsPerPixel > 8) return ST_BAD_BPP;
-    // The block it replaces is the bitmap's own and goes; a failed allocation
-    // leaves the bitmap as it was.
-    RGBQUAD* block = zk::gray_ramp_block(static_cast<uint32_t>(bitmap->BitsPerPixel));
-    if (!block) return ST_NO_MEMORY;
-    Z_OsFree(bitmap->Palette);
-    bitmap->Palette = block;
     bitmap->ColorCount = 1u << bitmap->BitsPerPixel;
-    return ST_OK;
+    // The pointer it replaces is overwritten, not freed: a duplicate made
+    // without its own palette shares its source's block.
+    bitmap->Palette = zk::gray_ramp_block(static_cast<uint32_t>(bitmap->BitsPerPixel));
+    return bitmap->Palette ? ST_OK : ST_NO_MEMORY;
 }

@@ -97,6 +97,10 @@ constexpr uint64_t column_offset(int32_t bpp, uint32_t c) {
     }
 }
 
+// A flag bit with no meaning of its own here that survives re-allocation and
+// that duplication carries from its source (callers may keep a mark in it).
+constexpr uint32_t kFlagCarried = 0x10000u;
+
 inline bool has(const BitmapHandle& b, uint32_t flag) { return (b.Flags & flag) != 0; }
 inline bool allocated(const BitmapHandle* b) { return b && (b->Flags & BF_ALLOCATED); }
 

@@ -245,16 +245,16 @@ int32_t allocate_memory(BitmapHandle& b, uint32_t type) {
 
 bool accepted_type(uint32_t type) {
     switch (type) {
-        case 1:
-        case 2:
-        case 4:
-        case 8:
-        case 9:
-        case 128:
-        case 256:
-        case 768:
-        case 1024:
-        case 1025: return true;
+        case TYPE_CONV:
+        case TYPE_USER:
+        case TYPE_TILED:
+        case TYPE_NOTILE:
+        case TYPE_CONV | TYPE_NOTILE:
+        case TYPE_DISK:
+        case TYPE_MEMORY_ONLY:
+        case kTypeRunLength:
+        case kTypeSecondForm:
+        case kTypeSecondFormConv: return true;
         default: return false;
     }
 }
@@ -390,7 +390,7 @@ int64_t mul_div(int64_t a, int64_t b, int64_t c) {
 // Z_AllocateBitmap without the record checks.
 int32_t allocate(BitmapHandle& b, uint32_t type) {
     b.Flags &= ~BF_STORAGE_MASK;
-    if (type & TYPE_COMPRESSED) type = b.BitsPerPixel == 1 ? 0x300u : (type & ~TYPE_COMPRESSED);
+    if (type & TYPE_COMPRESSED) type = b.BitsPerPixel == 1 ? kTypeRunLength : (type & ~TYPE_COMPRESSED);
     if ((type & TYPE_SUPERCOMPRESSED) && b.BitsPerPixel != 24 && b.BitsPerPixel != 1) type &= ~TYPE_SUPERCOMPRESSED;
     if (!accepted_type(type)) return ST_BAD_PARAM;
 
@@ -408,8 +408,8 @@ int32_t allocate(BitmapHandle& b, uint32_t type) {
         b.DataOffset = 0;
         b.Flags |= BF_ALLOCATED | BF_MEMORY | BF_USER_DATA;
         return ST_OK;
-    } else if (type == 768 || type == 1024 || type == 1025) {
-        const uint32_t flag = type == 768 ? BF_COMPRESSED : BF_SUPERCOMPRESSED;
+    } else if (type == kTypeRunLength || type == kTypeSecondForm || type == kTypeSecondFormConv) {
+        const uint32_t flag = type == kTypeRunLength ? BF_COMPRESSED : BF_SUPERCOMPRESSED;
         const RowStore* store = row_store(flag);
         status = store ? store->allocate(b, type) : ST_BAD_PARAM;
         if (status == ST_OK) b.Flags |= BF_ALLOCATED | BF_MEMORY | flag;

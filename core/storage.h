@@ -138,6 +138,13 @@ const KindOps* kind_ops(const BitmapHandle& bitmap);
 size_t reachable_bytes(const BitmapHandle& bitmap);
 
 // ---------------------------------------------------------------------------
+// Allocation types of the compressed kinds after the type adjustment: a
+// 1-bit bitmap asked for TYPE_COMPRESSED gets the run-length store in memory;
+// the second compressed form alone or with conventional storage.
+constexpr uint32_t kTypeRunLength = TYPE_COMPRESSED | TYPE_MEMORY_ONLY;  // 768
+constexpr uint32_t kTypeSecondForm = TYPE_SUPERCOMPRESSED;               // 1024
+constexpr uint32_t kTypeSecondFormConv = TYPE_SUPERCOMPRESSED | TYPE_CONV;
+
 // Compressed row stores: the run-length store (BF_COMPRESSED, allocation type
 // 768) and the second compressed form (BF_SUPERCOMPRESSED, types 1024/1025 at
 // 1 or 24 bits). They plug in here. Until one is installed, allocating that

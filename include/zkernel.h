@@ -1063,10 +1063,11 @@ Z_EXPORT int32_t Z_API Z_GetFixedPalette(RGBQUAD* entries, uint32_t bits);
 Z_EXPORT const RGBQUAD* Z_API Z_IntGetFixedPalette(int32_t bits);
 /* Gives the bitmap a new fixed palette chosen by ColorCount (not the depth):
  * 2, 8, 16, 32, 64, 128 and 256 take the table of that many entries; 4 takes
- * black, white, black, (85, 85, 85). ColorCount is kept. The palette the
- * bitmap held is freed (so it must be the bitmap's own, not one shared with
- * its duplication source). ST_OK; ST_BAD_PARAM (null bitmap), 0 for any
- * other ColorCount, ST_NO_MEMORY; in both the bitmap is unchanged. */
+ * black, white, black, (85, 85, 85). ColorCount is kept. The Palette
+ * pointer is overwritten, not freed, since a duplicate may share its source's
+ * block: a caller whose bitmap owns its palette frees it first (Z_OsFree).
+ * ST_OK; ST_BAD_PARAM (null bitmap), 0 for any other ColorCount,
+ * ST_NO_MEMORY; in both the bitmap is unchanged. */
 Z_EXPORT int32_t Z_API Z_CreateBitmapFixedPalette(BitmapHandle* bitmap);
 /* Returns a new block (Z_OsAlloc) with a gray ramp of 2^b entries, b = bits
  * modulo 32 (bits 0 means 8): entry i is floor(i * 255 / (2^b - 1)) in all
@@ -1075,10 +1076,11 @@ Z_EXPORT int32_t Z_API Z_CreateBitmapFixedPalette(BitmapHandle* bitmap);
  * (bits 32, 64, ...) or without memory. */
 Z_EXPORT RGBQUAD* Z_API Z_CreateGrayPalette(int32_t bits);
 /* Gives a bitmap of 1..8 bits per pixel a new gray-ramp palette of
- * 2^BitsPerPixel entries and sets ColorCount. The palette it held is freed
- * (so it must be the bitmap's own). ST_OK; ST_BAD_PARAM (null bitmap),
- * ST_BAD_BPP (other depths), ST_NO_MEMORY; on failure the bitmap is
- * unchanged. */
+ * 2^BitsPerPixel entries and sets ColorCount. The Palette pointer is
+ * overwritten, not freed, since a duplicate may share its source's block: a
+ * caller whose bitmap owns its palette frees it first (Z_OsFree). ST_OK;
+ * ST_BAD_PARAM (null bitmap), ST_BAD_BPP (other depths), ST_NO_MEMORY (then
+ * Palette is null and ColorCount already set). */
 Z_EXPORT int32_t Z_API Z_CreateBitmapGrayPalette(BitmapHandle* bitmap);
 /* Classifies count entries: GRAY_NO when some entry is not gray (channels
  * differ); GRAY_ORDERED for the ramp 0, s, 2s, ... and GRAY_ORDERED_INVERSE

@@ -5,8 +5,8 @@
 
 #include <cstring>
 #include <fstream>
-#include <regex>
 #include <set>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,12 +20,16 @@ namespace {
 std::vector<std::pair<std::string, int32_t>> header_status_codes() {
     std::ifstream in(ZK_HEADER_PATH);
     EXPECT_TRUE(in.good()) << ZK_HEADER_PATH;
-    const std::regex define(R"(^#define\s+(ST_[A-Z0-9_]+)\s+\(?\s*(-?[0-9]+)\s*\)?)");
     std::vector<std::pair<std::string, int32_t>> codes;
     std::string line;
-    std::smatch m;
-    while (std::getline(in, line))
-        if (std::regex_search(line, m, define)) codes.emplace_back(m[1], std::stoi(m[2]));
+    while (std::getline(in, line)) {
+        // "#define ST_NAME 1" or "#define ST_NAME (-13)", then a comment.
+        std::istringstream words(line);
+        std::string directive, name, value;
+        if (!(words >> directive >> name >> value) || directive != "#define" || name.rfind("ST_", 0) != 0) continue;
+        if (value.front() == '(') value = value.substr(1);
+        codes.emplace_back(name, std::stoi(value));
+    }
     return codes;
 }
 

@@ -1,5 +1,8 @@
 // Z_CreateBitmap: describe, allocate, give the palette, order and view
-// perspective, and attach caller memory.
+// perspective, and attach caller memory. It sits with the palettes because
+// a new bitmap's palette is built here.
+//
+// May include: include/zkernel.h, core/bitmap_handle.h.
 #include "bitmap_handle.h"
 
 extern "C" int32_t Z_API Z_CreateBitmap(BitmapHandle* bitmap, int32_t structSize, uint32_t memoryType, int32_t width,

@@ -1,6 +1,9 @@
 // Changing the storage of an allocated bitmap: tiles move between memory and
 // disk in place, the mapped-tile limit changes, or the bitmap is rebuilt in
 // another storage kind (or with another tile size) with its pixels copied.
+//
+// May include: include/zkernel.h, core/bitmap_handle.h, core/storage.h,
+// core/platform/platform.h, core/thread_state.h.
 #include <algorithm>
 #include <cstring>
 
