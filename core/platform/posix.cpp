@@ -437,12 +437,70 @@ std::wstring from_utf8(const std::string& text) {
 
 // ---------------------------------------------------------------------------
 // Mappings.
+namespace {
+constexpr std::size_t kHugePage = std::size_t{2} << 20;  // the x86-64 and arm64 (4 KiB granule) size
+
+std::size_t page_size() {
+    static const std::size_t size = [] {
+        const long p = ::sysconf(_SC_PAGESIZE);
+        return p > 0 ? static_cast<std::size_t>(p) : std::size_t{4096};
+    }();
+    return size;
+}
+
+// Asks for huge pages behind the whole 2 MiB blocks of [view, view + size).
+// Only advice: where the system has none, pages stay small.
+void advise_huge_pages([[maybe_unused]] void* view, [[maybe_unused]] std::size_t size) {
+#if defined(MADV_HUGEPAGE)
+    if (size >= kHugePage) ::madvise(view, size, MADV_HUGEPAGE);
+#endif
+}
+
+// A private anonymous mapping of `size` bytes, starting on a 2 MiB boundary
+// when it is at least that large: more is mapped and the unaligned head and
+// the tail past the last page are returned at once, so that exactly the
+// pages of [view, view + size) stay mapped. Null on failure.
+void* map_private(std::size_t size) {
+    const int flags = MAP_PRIVATE | MAP_ANONYMOUS;
+    if (size < kHugePage) {
+        void* v = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, flags, -1, 0);
+        return v == MAP_FAILED ? nullptr : v;
+    }
+    const std::size_t page = page_size();
+    if (size > SIZE_MAX - kHugePage - page) return nullptr;
+    const std::size_t length = (size + page - 1) / page * page;
+    const std::size_t padded = length + kHugePage - page;
+    void* raw = ::mmap(nullptr, padded, PROT_READ | PROT_WRITE, flags, -1, 0);
+    if (raw == MAP_FAILED) return nullptr;
+    const auto base = reinterpret_cast<std::uintptr_t>(raw);
+    const std::uintptr_t aligned = (base + kHugePage - 1) & ~std::uintptr_t{kHugePage - 1};
+    if (aligned > base) ::munmap(raw, aligned - base);
+    const std::size_t tail = padded - (aligned - base) - length;
+    if (tail > 0) ::munmap(reinterpret_cast<void*>(aligned + length), tail);
+    auto* view = reinterpret_cast<void*>(aligned);
+    advise_huge_pages(view, size);
+    return view;
+}
+}  // namespace
+
 Mapping map_anonymous(std::size_t size) {
     Mapping m;
     if (size == 0) return m;
     if (should_fail(FaultKind::Mapping)) return m;
     void* v = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (v == MAP_FAILED) return m;
+    m.handle = v;
+    m.view = v;
+    m.size = size;
+    return m;
+}
+
+Mapping map_anonymous_private(std::size_t size) {
+    Mapping m;
+    if (size == 0) return m;
+    if (should_fail(FaultKind::Mapping)) return m;
+    void* v = map_private(size);
+    if (!v) return m;
     m.handle = v;
     m.view = v;
     m.size = size;
@@ -466,26 +524,48 @@ void unmap(Mapping& m) {
     m = Mapping{};
 }
 
-bool remap_anonymous(Mapping& m, std::size_t new_size) {
+bool remap_anonymous_private(Mapping& m, std::size_t new_size) {
     if (!m.view || new_size == 0) return false;
     if (should_fail(FaultKind::Mapping)) return false;
+    const std::size_t page = page_size();
+    if (new_size <= m.size) {
+        // Shrinking returns the pages past the new end and clears the rest
+        // of the last page, which a later growth hands out again; the view
+        // stays.
+        auto* view = static_cast<unsigned char*>(m.view);
+        const std::size_t keep = (new_size + page - 1) / page * page;
+        const std::size_t had = (m.size + page - 1) / page * page;
+        if (had > keep) ::munmap(view + keep, had - keep);
+        std::memset(view + new_size, 0, (keep < m.size ? keep : m.size) - new_size);
+        m.size = new_size;
+        return true;
+    }
+    void* v = nullptr;
 #if defined(__linux__)
-    void* v = ::mremap(m.view, m.size, new_size, MREMAP_MAYMOVE);
-    if (v == MAP_FAILED) return false;
-    m.view = v;
-    m.handle = v;
-    m.size = new_size;
-    return true;
+    // In place where the address space after the view is free; else the
+    // pages move, without being copied, to the start of a new aligned
+    // mapping of the new size.
+    v = ::mremap(m.view, m.size, new_size, 0);
+    if (v == MAP_FAILED) {
+        void* target = map_private(new_size);
+        if (!target) return false;
+        v = ::mremap(m.view, m.size, new_size, MREMAP_MAYMOVE | MREMAP_FIXED, target);
+        if (v == MAP_FAILED) {
+            ::munmap(target, new_size);
+            return false;
+        }
+    }
+    advise_huge_pages(v, new_size);
 #else
-    void* v = ::mmap(nullptr, new_size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (v == MAP_FAILED) return false;
-    std::memcpy(v, m.view, m.size < new_size ? m.size : new_size);
+    v = map_private(new_size);
+    if (!v) return false;
+    std::memcpy(v, m.view, m.size);
     ::munmap(m.view, m.size);
+#endif
     m.view = v;
     m.handle = v;
     m.size = new_size;
     return true;
-#endif
 }
 
 // ---------------------------------------------------------------------------
