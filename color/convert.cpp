@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "color/palette.h"
 
@@ -522,51 +523,150 @@ void run_general_path(Plan& plan, uint8_t* row) {
     run_general(plan, row);
 }
 
-// The hot pairs between plain colour orders (CO_RGB, CO_BGR) without bit
-// ranges pass every check of make_plan; their plan is filled here directly,
-// which is most of the cost of a short row.
-bool plan_hot_pair(const ConvertRequest& rq, Plan& plan) {
+// ---------------------------------------------------------------------------
+// The fast-path table.
+
+namespace {
+
+using F = FastFormat;
+using platform::CpuTier;
+
+// Rows of one tier (kernels of namespace ns); every tier serves every pair
+// of the list but the identity of 24-bit rows, which only the portable tier
+// lists (it moves nothing).
+// clang-format off
+#define ZK_FAST_ROWS(T, ns)                                                                                            \
+    {F::Bgr24, F::Rgb24, T, ns::convert_bgr24_to_rgb24},   {F::Rgb24, F::Bgr24, T, ns::convert_bgr24_to_rgb24},        \
+    {F::Bgr24, F::Bgr32, T, ns::convert_bgr24_to_bgr32},   {F::Rgb24, F::Rgb32, T, ns::convert_bgr24_to_bgr32},        \
+    {F::Bgr24, F::Rgb32, T, ns::convert_bgr24_to_rgb32},   {F::Rgb24, F::Bgr32, T, ns::convert_bgr24_to_rgb32},        \
+    {F::Bgr32, F::Bgr24, T, ns::convert_bgr32_to_bgr24},   {F::Rgb32, F::Rgb24, T, ns::convert_bgr32_to_bgr24},        \
+    {F::Bgr32, F::Rgb24, T, ns::convert_bgr32_to_rgb24},   {F::Rgb32, F::Bgr24, T, ns::convert_bgr32_to_rgb24},        \
+    {F::Bgr48, F::Bgr24, T, ns::convert_bgr48_to_bgr24},   {F::Rgb48, F::Rgb24, T, ns::convert_bgr48_to_bgr24},        \
+    {F::Bgr48, F::Rgb24, T, ns::convert_bgr48_to_rgb24},   {F::Rgb48, F::Bgr24, T, ns::convert_bgr48_to_rgb24},        \
+    {F::Bgr24, F::Gray8, T, ns::convert_bgr24_to_gray8},   {F::Rgb24, F::Gray8, T, ns::convert_rgb24_to_gray8},        \
+    {F::Bgr24, F::Bgr555, T, ns::convert_bgr24_to_bgr555}, {F::Rgb24, F::Rgb555, T, ns::convert_bgr24_to_bgr555},      \
+    {F::Bgr24, F::Rgb555, T, ns::convert_bgr24_to_rgb555}, {F::Rgb24, F::Bgr555, T, ns::convert_bgr24_to_rgb555},      \
+    {F::Bgr555, F::Bgr24, T, ns::convert_bgr555_to_bgr24}, {F::Rgb555, F::Rgb24, T, ns::convert_bgr555_to_bgr24},      \
+    {F::Bgr555, F::Rgb24, T, ns::convert_bgr555_to_rgb24}, {F::Rgb555, F::Bgr24, T, ns::convert_bgr555_to_rgb24},      \
+    {F::Pal8, F::Bgr24, T, ns::convert_pal8_to_bgr24},     {F::Pal8, F::Rgb24, T, ns::convert_pal8_to_rgb24}
+// clang-format on
+
+constexpr FastPath kFastPaths[] = {
+    {F::Bgr24, F::Bgr24, CpuTier::Portable, portable::convert_bgr24_to_bgr24},
+    {F::Rgb24, F::Rgb24, CpuTier::Portable, portable::convert_bgr24_to_bgr24},
+    ZK_FAST_ROWS(CpuTier::Portable, portable),
+#if ZK_X86_TIERS
+    ZK_FAST_ROWS(CpuTier::AVX2, avx2),
+    ZK_FAST_ROWS(CpuTier::AVX512, avx512),
+#endif
+};
+#undef ZK_FAST_ROWS
+
+constexpr int kTiers = 3;
+
+// For each tier and pair of formats, the position in kFastPaths of the entry
+// of the highest tier not above it, or -1.
+struct FastPathIndex {
+    int8_t at[kTiers][kFastFormats][kFastFormats];
+};
+
+constexpr FastPathIndex index_fast_paths() {
+    FastPathIndex x{};
+    for (auto& tier : x.at)
+        for (auto& row : tier)
+            for (auto& cell : row) cell = -1;
+    for (int t = 0; t < kTiers; ++t)
+        for (size_t k = 0; k < std::size(kFastPaths); ++k) {
+            const FastPath& p = kFastPaths[k];
+            const int pt = static_cast<int>(p.tier);
+            int8_t& cell = x.at[t][static_cast<int>(p.src)][static_cast<int>(p.dst)];
+            if (pt <= t && (cell < 0 || static_cast<int>(kFastPaths[cell].tier) < pt)) cell = static_cast<int8_t>(k);
+        }
+    return x;
+}
+
+constexpr FastPathIndex kFastPathIndex = index_fast_paths();
+static_assert(std::size(kFastPaths) < 128);
+
+// The format of each side of a plan, None where no fast path can serve it.
+FastFormat fast_format(int32_t depth, bool rgb, bool source) {
+    switch (depth) {
+        case 0: return source ? F::None : F::Gray8;
+        case 8: return source ? F::Pal8 : F::None;
+        case 16: return rgb ? F::Rgb555 : F::Bgr555;
+        case 24: return rgb ? F::Rgb24 : F::Bgr24;
+        case 32: return rgb ? F::Rgb32 : F::Bgr32;
+        case 48: return rgb ? F::Rgb48 : F::Bgr48;
+        default: return F::None;
+    }
+}
+
+const FastPath* fast_path_for(const Plan& plan) {
+    if (plan.src_alt || plan.dst_alt || plan.src_gray16 || plan.dst_gray16) return nullptr;
+    return find_fast_path(fast_format(plan.src_depth, plan.src_rgb, true),
+                          fast_format(plan.dst_depth, plan.dst_rgb, false), platform::cpu_tier());
+}
+
+// Requests between plain colour orders (CO_RGB, CO_BGR) without bit ranges
+// pass every check of make_plan; when a fast path serves one, its plan is
+// filled here directly, which is most of the cost of a short row.
+const FastPath* plan_hot_pair(const ConvertRequest& rq, Plan& plan) {
     const auto plain = [](int64_t order) { return order == CO_RGB || order == CO_BGR; };
     if (!rq.buffer || rq.width <= 0 || !plain(rq.src_order) || !plain(rq.dst_order) ||
-        (rq.flags & (CVT_SRC_RANGE | CVT_DST_RANGE)))
-        return false;
-    switch (rq.src_bits * 100 + static_cast<int64_t>(rq.dst_bits)) {
-        case 2424:
-        case 2432:
-        case 3224:
-        case 4824:
-        case 2400:
-        case 2416:
-        case 1624:
-        case 824: break;
-        default: return false;
-    }
+        (rq.flags & (CVT_SRC_RANGE | CVT_DST_RANGE)) || rq.dst_bits > 64)
+        return nullptr;
+    const bool src_rgb = rq.src_bits >= 16 && rq.src_order == static_cast<int32_t>(CO_RGB);
+    const bool dst_rgb = rq.dst_order == CO_RGB;
+    const FastPath* path =
+        find_fast_path(fast_format(rq.src_bits, src_rgb, true),
+                       fast_format(static_cast<int32_t>(rq.dst_bits), dst_rgb, false), platform::cpu_tier());
+    if (!path) return nullptr;
     plan.src_depth = rq.src_bits;
     plan.dst_depth = static_cast<int32_t>(rq.dst_bits);
     plan.width = static_cast<uint32_t>(rq.width);
-    plan.src_rgb = rq.src_bits >= 16 && rq.src_order == static_cast<int32_t>(CO_RGB);
-    plan.dst_rgb = rq.dst_order == CO_RGB;
+    plan.src_rgb = src_rgb;
+    plan.dst_rgb = dst_rgb;
     plan.alpha8 = (rq.flags & CVT_OPAQUE_ALPHA) ? static_cast<uint8_t>(rq.alpha_fill) : 0;
     plan.alpha16 = (rq.flags & CVT_OPAQUE_ALPHA) ? static_cast<uint16_t>(rq.alpha_fill) : 0;
     if (rq.src_bits == 8) plan.src_palette = rq.src_palette;
-    return true;
+    return path;
+}
+
+}  // namespace
+
+const char* fast_format_name(FastFormat format) {
+    static constexpr const char* kNames[] = {"bgr24", "rgb24",  "bgr32",  "rgb32", "bgr48",
+                                             "rgb48", "bgr555", "rgb555", "gray8", "pal8"};
+    const auto i = static_cast<size_t>(format);
+    return i < std::size(kNames) ? kNames[i] : "none";
+}
+
+std::span<const FastPath> fast_paths() { return kFastPaths; }
+
+const FastPath* find_fast_path(FastFormat src, FastFormat dst, platform::CpuTier tier) {
+    if (src == F::None || dst == F::None) return nullptr;
+    const int k = kFastPathIndex.at[static_cast<int>(tier)][static_cast<int>(src)][static_cast<int>(dst)];
+    return k < 0 ? nullptr : &kFastPaths[k];
 }
 
 int32_t convert_buffer(const ConvertRequest& request, ConvertPaths paths) {
     Plan plan;
-    if (paths != ConvertPaths::GeneralOnly && plan_hot_pair(request, plan)) {
-        if (paths == ConvertPaths::WithFastPaths && avx512_kernels_usable() &&
-            run_fast_path_avx512(plan, request.buffer))
+    const bool fast = paths == ConvertPaths::WithFastPaths;
+    if (fast) {
+        if (const FastPath* path = plan_hot_pair(request, plan)) {
+            path->kernel(plan, request.buffer);
             return ST_OK;
-        if (run_fast_path(plan, request.buffer)) return ST_OK;
-        plan = Plan{};  // not reached: every hot pair has a kernel in both builds
+        }
     }
     bool same = false;
     const int32_t status = make_plan(request, plan, &same);
     if (status != ST_OK || same) return status;
-    if (paths == ConvertPaths::WithFastPaths && avx512_kernels_usable() && run_fast_path_avx512(plan, request.buffer))
-        return ST_OK;
-    if (paths != ConvertPaths::GeneralOnly && run_fast_path(plan, request.buffer)) return ST_OK;
+    if (fast) {
+        if (const FastPath* path = fast_path_for(plan)) {
+            path->kernel(plan, request.buffer);
+            return ST_OK;
+        }
+    }
     run_general_path(plan, request.buffer);
     return ST_OK;
 }

@@ -5,14 +5,16 @@
 // there, before the buffer is touched). The general path then moves pixels
 // in chunks: one fetch per source depth into a common Pivot, one store per
 // destination depth out of it. Hot pairs have dedicated kernels
-// (convert_fast.cpp) that a test holds to the general path.
+// (the fast-path table below) that a test holds to the general path.
 //
-// May include: include/zkernel.h, color/palette.h.
+// May include: include/zkernel.h, color/palette.h, core/platform/cpu.h.
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "color/palette.h"
+#include "core/platform/cpu.h"
 #include "zkernel.h"
 
 namespace zk {
@@ -32,9 +34,9 @@ struct ConvertRequest {
     uint32_t alpha_fill = 0xFFFF;  // low byte fills 8-bit alpha, the word 16-bit alpha
 };
 
-// Which kernels a conversion may use: the fastest the processor runs, the
-// fast kernels built for the baseline instruction set only, or none.
-enum class ConvertPaths { WithFastPaths, PortableFastPaths, GeneralOnly };
+// Which kernels a conversion may use: the fast paths of the processor's tier
+// (platform::cpu_tier()) where one serves the request, or the general path.
+enum class ConvertPaths { WithFastPaths, GeneralOnly };
 
 int32_t convert_buffer(const ConvertRequest& request, ConvertPaths paths = ConvertPaths::WithFastPaths);
 
@@ -93,18 +95,59 @@ struct IndexMemo {
     uint8_t find(const Plan& plan, uint32_t r, uint32_t g, uint32_t b);
 };
 
-// Dedicated kernels for hot pairs; false when none serves the plan.
-bool run_fast_path(const Plan& plan, uint8_t* buffer);
+// ---------------------------------------------------------------------------
+// Fast paths: dedicated kernels for hot pairs of pixel layouts, in one table
+// of {source, destination, tier, kernel}. Conversion takes the entry of the
+// highest tier the processor runs (platform::cpu_tier()); tests hold every
+// entry to the general path.
 
-// The same kernels built for 512-bit vectors with byte permutes (x86 with
-// AVX-512 BW, VBMI and VNNI); run only when avx512_kernels_usable().
-#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
-#define ZK_AVX512_KERNELS 1
-#else
-#define ZK_AVX512_KERNELS 0
+// The layouts fast paths serve, in plain colour orders. The name says the
+// order of the bytes (24..48 bits) or of the 5-bit fields from bit 0 (16).
+enum class FastFormat : uint8_t { Bgr24, Rgb24, Bgr32, Rgb32, Bgr48, Rgb48, Bgr555, Rgb555, Gray8, Pal8, None };
+constexpr int kFastFormats = static_cast<int>(FastFormat::None);
+
+const char* fast_format_name(FastFormat format);
+
+// Converts plan.width pixels of the row in place (8-bit palettized sources
+// take plan.src_palette, null for gray level i; 32-bit destinations take
+// plan.alpha8 as their fourth byte).
+using FastKernel = void (*)(const Plan& plan, uint8_t* row);
+
+struct FastPath {
+    FastFormat src, dst;
+    platform::CpuTier tier;
+    FastKernel kernel;
+};
+
+// Every entry; per pair of formats at most one per tier.
+std::span<const FastPath> fast_paths();
+
+// The entry of the highest tier not above `tier` for the pair; null if none.
+const FastPath* find_fast_path(FastFormat src, FastFormat dst, platform::CpuTier tier);
+
+// The kernels, named by the pair they convert; each also serves the mirrored
+// pair (red and blue exchanged on both sides), which moves the same bytes.
+// A tier defines the kernels its table entries use.
+// clang-format off
+#define ZK_FAST_KERNELS(X)                                                                  \
+    X(bgr24_to_bgr24) X(bgr24_to_rgb24) X(bgr24_to_bgr32) X(bgr24_to_rgb32)                 \
+    X(bgr32_to_bgr24) X(bgr32_to_rgb24) X(bgr48_to_bgr24) X(bgr48_to_rgb24)                 \
+    X(bgr24_to_gray8) X(rgb24_to_gray8) X(bgr24_to_bgr555) X(bgr24_to_rgb555)               \
+    X(bgr555_to_bgr24) X(bgr555_to_rgb24) X(pal8_to_bgr24) X(pal8_to_rgb24)
+// clang-format on
+#define ZK_DECLARE_FAST_KERNEL(name) void convert_##name(const Plan& plan, uint8_t* row);
+namespace portable {  // baseline instruction set (convert_fast.cpp)
+ZK_FAST_KERNELS(ZK_DECLARE_FAST_KERNEL)
+}
+#if ZK_X86_TIERS
+namespace avx2 {  // 256-bit vectors (convert_avx2.cpp)
+ZK_FAST_KERNELS(ZK_DECLARE_FAST_KERNEL)
+}
+namespace avx512 {  // 512-bit vectors with byte permutes (convert_avx512.cpp)
+ZK_FAST_KERNELS(ZK_DECLARE_FAST_KERNEL)
+}
 #endif
-bool avx512_kernels_usable();
-bool run_fast_path_avx512(const Plan& plan, uint8_t* buffer);
+#undef ZK_DECLARE_FAST_KERNEL
 
 constexpr uint32_t gray8(uint32_t r, uint32_t g, uint32_t b) { return (2 * r + 5 * g + b + 4) >> 3; }
 

@@ -3,7 +3,7 @@
 // 64-byte registers, so a group of 3-byte pixels is reordered, narrowed or
 // widened by one instruction per output register; the arithmetic of the
 // packed formats runs on 16-bit lanes. Each kernel gives the same bytes as
-// the general path (a test holds both tiers of fast kernels to it).
+// the general path (a test holds every tier of fast kernels to it).
 //
 // Groups are placed so that their destination starts on a 64-byte boundary
 // (a store across two cache lines costs about twice an aligned one); the
@@ -14,7 +14,7 @@
 // otherwise, so that a store never reaches bytes still to be read.
 #include "color/convert.h"
 
-#if ZK_AVX512_KERNELS
+#if ZK_X86_TIERS
 // The intrinsics start some results from a deliberately undefined register,
 // which g++ 12 reports as a possibly uninitialised use.
 #if !defined(__clang__)
@@ -64,7 +64,7 @@ constexpr __mmask64 kOddBytes = 0xAAAAAAAAAAAAAAAAull;
 }  // namespace zk
 
 // Everything from here to the matching pop is built for the wide vectors;
-// it runs only after avx512_kernels_usable().
+// it runs only where platform::cpu_tier() is AVX512.
 #if defined(__clang__)
 #pragma clang attribute push(__attribute__((target("avx512f,avx512bw,avx512vbmi,avx512vnni"))), apply_to = function)
 #else
@@ -415,33 +415,25 @@ void pal8_to_bgr24(uint8_t* row, uint32_t width, const RGBQUAD* colours, bool re
 
 }  // namespace
 
-bool run_fast_path_avx512(const Plan& plan, uint8_t* row) {
-    if (plan.src_alt || plan.dst_alt) return false;
-    const bool swap = plan.src_rgb != plan.dst_rgb;
-    const uint32_t w = plan.width;
-    switch (plan.src_depth * 100 + plan.dst_depth) {
-        case 2424:
-            if (swap) swap_bgr24(row, w);
-            return true;
-        case 2432:
-            swap ? bgr24_to_bgr32<true>(row, w, plan.alpha8) : bgr24_to_bgr32<false>(row, w, plan.alpha8);
-            return true;
-        case 3224: swap ? bgr32_to_bgr24<true>(row, w) : bgr32_to_bgr24<false>(row, w); return true;
-        case 4824: swap ? bgr48_to_bgr24<true>(row, w) : bgr48_to_bgr24<false>(row, w); return true;
-        case 2400: plan.src_rgb ? bgr24_to_gray8<true>(row, w) : bgr24_to_gray8<false>(row, w); return true;
-        case 2416:
-            if (plan.dst_gray16) return false;
-            swap ? bgr24_to_bgr555<true>(row, w) : bgr24_to_bgr555<false>(row, w);
-            return true;
-        case 1624:
-            if (plan.src_gray16) return false;
-            swap ? bgr555_to_bgr24<true>(row, w) : bgr555_to_bgr24<false>(row, w);
-            return true;
-        case 824: pal8_to_bgr24(row, w, plan.src_palette, plan.dst_rgb); return true;
-        default: return false;
-    }
-}
+namespace avx512 {
 
+void convert_bgr24_to_rgb24(const Plan& p, uint8_t* row) { swap_bgr24(row, p.width); }
+void convert_bgr24_to_bgr32(const Plan& p, uint8_t* row) { bgr24_to_bgr32<false>(row, p.width, p.alpha8); }
+void convert_bgr24_to_rgb32(const Plan& p, uint8_t* row) { bgr24_to_bgr32<true>(row, p.width, p.alpha8); }
+void convert_bgr32_to_bgr24(const Plan& p, uint8_t* row) { bgr32_to_bgr24<false>(row, p.width); }
+void convert_bgr32_to_rgb24(const Plan& p, uint8_t* row) { bgr32_to_bgr24<true>(row, p.width); }
+void convert_bgr48_to_bgr24(const Plan& p, uint8_t* row) { bgr48_to_bgr24<false>(row, p.width); }
+void convert_bgr48_to_rgb24(const Plan& p, uint8_t* row) { bgr48_to_bgr24<true>(row, p.width); }
+void convert_bgr24_to_gray8(const Plan& p, uint8_t* row) { bgr24_to_gray8<false>(row, p.width); }
+void convert_rgb24_to_gray8(const Plan& p, uint8_t* row) { bgr24_to_gray8<true>(row, p.width); }
+void convert_bgr24_to_bgr555(const Plan& p, uint8_t* row) { bgr24_to_bgr555<false>(row, p.width); }
+void convert_bgr24_to_rgb555(const Plan& p, uint8_t* row) { bgr24_to_bgr555<true>(row, p.width); }
+void convert_bgr555_to_bgr24(const Plan& p, uint8_t* row) { bgr555_to_bgr24<false>(row, p.width); }
+void convert_bgr555_to_rgb24(const Plan& p, uint8_t* row) { bgr555_to_bgr24<true>(row, p.width); }
+void convert_pal8_to_bgr24(const Plan& p, uint8_t* row) { pal8_to_bgr24(row, p.width, p.src_palette, false); }
+void convert_pal8_to_rgb24(const Plan& p, uint8_t* row) { pal8_to_bgr24(row, p.width, p.src_palette, true); }
+
+}  // namespace avx512
 }  // namespace zk
 
 #if defined(__clang__)
@@ -450,29 +442,8 @@ bool run_fast_path_avx512(const Plan& plan, uint8_t* row) {
 #pragma GCC pop_options
 #endif
 
-namespace zk {
-
-bool avx512_kernels_usable() {
-    // Asked once per process: the answer cannot change, and every conversion asks.
-    static const bool usable = [] {
-        __builtin_cpu_init();
-        return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-               __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vnni");
-    }();
-    return usable;
-}
-
-}  // namespace zk
-
 #if !defined(__clang__)
 #pragma GCC diagnostic pop
 #endif
-
-#else
-
-namespace zk {
-bool avx512_kernels_usable() { return false; }
-bool run_fast_path_avx512(const Plan&, uint8_t*) { return false; }
-}  // namespace zk
 
 #endif

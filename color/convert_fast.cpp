@@ -1,5 +1,6 @@
-// Dedicated kernels for the hot pairs of depths. Each gives the same bytes as
-// the general path (a test holds them to it); they only skip the pivot.
+// The portable tier of the fast-path kernels, built for the baseline
+// instruction set. Each gives the same bytes as the general path (a test
+// holds them to it); they only skip the pivot.
 //
 // `Swap` means that source and destination disagree on whether red comes
 // first, so bytes 0 and 2 change places.
@@ -96,7 +97,7 @@ ZK_KERNEL void by_blocks(uint8_t* row, uint32_t width, Body body) {
 }
 
 template <bool Swap>
-ZK_KERNEL void convert_bgr24_to_bgr24(uint8_t* row, uint32_t width) {
+ZK_KERNEL void bgr24_to_bgr24(uint8_t* row, uint32_t width) {
     if constexpr (!Swap) return;
     const size_t bytes = 3 * size_t{width};
     size_t i = 0;
@@ -134,7 +135,7 @@ ZK_KERNEL void convert_bgr24_to_bgr24(uint8_t* row, uint32_t width) {
 }
 
 template <bool Swap>
-ZK_KERNEL void convert_bgr24_to_bgr32(uint8_t* row, uint32_t width, uint8_t alpha) {
+ZK_KERNEL void bgr24_to_bgr32(uint8_t* row, uint32_t width, uint8_t alpha) {
     uint32_t end = width;
 #if ZK_VECTORS
     // Four pixels per vector from the last group back. A group's store
@@ -168,7 +169,7 @@ ZK_KERNEL void convert_bgr24_to_bgr32(uint8_t* row, uint32_t width, uint8_t alph
 }
 
 template <bool Swap>
-ZK_KERNEL void convert_bgr32_to_bgr24(uint8_t* row, uint32_t width) {
+ZK_KERNEL void bgr32_to_bgr24(uint8_t* row, uint32_t width) {
     size_t i = 0;
 #if ZK_VECTORS
     // Four pixels per vector, forwards in place. The store's last four bytes
@@ -198,7 +199,7 @@ ZK_KERNEL void convert_bgr32_to_bgr24(uint8_t* row, uint32_t width) {
 
 // RedFirst: the source is CO_RGB.
 template <bool RedFirst>
-ZK_KERNEL void convert_bgr24_to_gray8(uint8_t* row, uint32_t width) {
+ZK_KERNEL void bgr24_to_gray8(uint8_t* row, uint32_t width) {
     size_t i = 0;
 #if ZK_VECTORS
     // Sixteen pixels per group, forwards in place: a group's 16-byte store
@@ -223,7 +224,7 @@ ZK_KERNEL void convert_bgr24_to_gray8(uint8_t* row, uint32_t width) {
 
 // 5-5-5 with the channel of byte 2 in bits 10-14 unless Swap.
 template <bool Swap>
-ZK_KERNEL void convert_bgr24_to_bgr555(uint8_t* row, uint32_t width) {
+ZK_KERNEL void bgr24_to_bgr555(uint8_t* row, uint32_t width) {
     size_t i = 0;
 #if ZK_VECTORS
     // Sixteen pixels per group, forwards in place (32 bytes out of 48).
@@ -247,7 +248,7 @@ ZK_KERNEL void convert_bgr24_to_bgr555(uint8_t* row, uint32_t width) {
 }
 
 template <bool Swap>
-ZK_KERNEL void convert_bgr555_to_bgr24(uint8_t* row, uint32_t width) {
+ZK_KERNEL void bgr555_to_bgr24(uint8_t* row, uint32_t width) {
     size_t end = width;
 #if ZK_VECTORS
     // Sixteen pixels per group from the last group back: a group's stores
@@ -280,7 +281,7 @@ ZK_KERNEL void convert_bgr555_to_bgr24(uint8_t* row, uint32_t width) {
 }
 
 template <bool Swap>
-ZK_KERNEL void convert_bgr48_to_bgr24(uint8_t* row, uint32_t width) {
+ZK_KERNEL void bgr48_to_bgr24(uint8_t* row, uint32_t width) {
     size_t i = 0;
 #if ZK_VECTORS
     if constexpr (!Swap) {
@@ -311,7 +312,7 @@ ZK_KERNEL void convert_bgr48_to_bgr24(uint8_t* row, uint32_t width) {
 }
 
 template <bool RedFirst>
-ZK_KERNEL void convert_pal8_to_bgr24(uint8_t* row, uint32_t width, const RGBQUAD* colours) {
+ZK_KERNEL void pal8_to_bgr24(uint8_t* row, uint32_t width, const RGBQUAD* colours) {
     // Each index's three bytes, laid out once.
     uint8_t table[256][4];
     for (uint32_t i = 0; i < 256; ++i) {
@@ -332,35 +333,24 @@ ZK_KERNEL void convert_pal8_to_bgr24(uint8_t* row, uint32_t width, const RGBQUAD
 
 }  // namespace
 
-ZK_TARGET_CLONES bool run_fast_path(const Plan& plan, uint8_t* row) {
-    if (plan.src_alt || plan.dst_alt) return false;
-    const bool swap = plan.src_rgb != plan.dst_rgb;
-    const uint32_t w = plan.width;
-    switch (plan.src_depth * 100 + plan.dst_depth) {
-        case 2424: swap ? convert_bgr24_to_bgr24<true>(row, w) : convert_bgr24_to_bgr24<false>(row, w); return true;
-        case 2432:
-            swap ? convert_bgr24_to_bgr32<true>(row, w, plan.alpha8)
-                 : convert_bgr24_to_bgr32<false>(row, w, plan.alpha8);
-            return true;
-        case 3224: swap ? convert_bgr32_to_bgr24<true>(row, w) : convert_bgr32_to_bgr24<false>(row, w); return true;
-        case 2400:
-            plan.src_rgb ? convert_bgr24_to_gray8<true>(row, w) : convert_bgr24_to_gray8<false>(row, w);
-            return true;
-        case 2416:
-            if (plan.dst_gray16) return false;
-            swap ? convert_bgr24_to_bgr555<true>(row, w) : convert_bgr24_to_bgr555<false>(row, w);
-            return true;
-        case 1624:
-            if (plan.src_gray16) return false;
-            swap ? convert_bgr555_to_bgr24<true>(row, w) : convert_bgr555_to_bgr24<false>(row, w);
-            return true;
-        case 4824: swap ? convert_bgr48_to_bgr24<true>(row, w) : convert_bgr48_to_bgr24<false>(row, w); return true;
-        case 824:
-            plan.dst_rgb ? convert_pal8_to_bgr24<true>(row, w, plan.src_palette)
-                         : convert_pal8_to_bgr24<false>(row, w, plan.src_palette);
-            return true;
-        default: return false;
-    }
-}
+namespace portable {
 
+void convert_bgr24_to_bgr24(const Plan&, uint8_t*) {}
+void convert_bgr24_to_rgb24(const Plan& p, uint8_t* row) { bgr24_to_bgr24<true>(row, p.width); }
+void convert_bgr24_to_bgr32(const Plan& p, uint8_t* row) { bgr24_to_bgr32<false>(row, p.width, p.alpha8); }
+void convert_bgr24_to_rgb32(const Plan& p, uint8_t* row) { bgr24_to_bgr32<true>(row, p.width, p.alpha8); }
+void convert_bgr32_to_bgr24(const Plan& p, uint8_t* row) { bgr32_to_bgr24<false>(row, p.width); }
+void convert_bgr32_to_rgb24(const Plan& p, uint8_t* row) { bgr32_to_bgr24<true>(row, p.width); }
+void convert_bgr48_to_bgr24(const Plan& p, uint8_t* row) { bgr48_to_bgr24<false>(row, p.width); }
+void convert_bgr48_to_rgb24(const Plan& p, uint8_t* row) { bgr48_to_bgr24<true>(row, p.width); }
+void convert_bgr24_to_gray8(const Plan& p, uint8_t* row) { bgr24_to_gray8<false>(row, p.width); }
+void convert_rgb24_to_gray8(const Plan& p, uint8_t* row) { bgr24_to_gray8<true>(row, p.width); }
+void convert_bgr24_to_bgr555(const Plan& p, uint8_t* row) { bgr24_to_bgr555<false>(row, p.width); }
+void convert_bgr24_to_rgb555(const Plan& p, uint8_t* row) { bgr24_to_bgr555<true>(row, p.width); }
+void convert_bgr555_to_bgr24(const Plan& p, uint8_t* row) { bgr555_to_bgr24<false>(row, p.width); }
+void convert_bgr555_to_rgb24(const Plan& p, uint8_t* row) { bgr555_to_bgr24<true>(row, p.width); }
+void convert_pal8_to_bgr24(const Plan& p, uint8_t* row) { pal8_to_bgr24<false>(row, p.width, p.src_palette); }
+void convert_pal8_to_rgb24(const Plan& p, uint8_t* row) { pal8_to_bgr24<true>(row, p.width, p.src_palette); }
+
+}  // namespace portable
 }  // namespace zk

@@ -4,7 +4,8 @@
 #include <cstring>
 #include <new>
 
-#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
+#include "core/platform/cpu.h"
+#if ZK_X86_TIERS
 // Some intrinsics start from a deliberately undefined register, which g++ 12
 // reports as an uninitialised use inside the header.
 #if !defined(__clang__)
@@ -91,8 +92,7 @@ constexpr int32_t kUnusedClass = 8;
 // (the first wins); otherwise D << 9 plus 255 - i for an entry of the
 // target's class (the last wins) or 256 + i for another (the first wins,
 // and only when no entry at D has the class). Keys stay below 2^31.
-ZK_TARGET_CLONES uint32_t nearest_by_distance(const PaletteSearch::Channels& c, uint32_t red, uint32_t green,
-                                              uint32_t blue) {
+uint32_t nearest_by_distance(const PaletteSearch::Channels& c, uint32_t red, uint32_t green, uint32_t blue) {
     const auto R = static_cast<int32_t>(red), G = static_cast<int32_t>(green), B = static_cast<int32_t>(blue);
     const auto target = static_cast<int32_t>(channel_class(red, green, blue));
     int32_t best = INT32_MAX;
@@ -108,13 +108,25 @@ ZK_TARGET_CLONES uint32_t nearest_by_distance(const PaletteSearch::Channels& c, 
     return static_cast<uint32_t>(tie < 256 ? 255 - tie : tie - 256);
 }
 
-#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
-#define ZK_WIDE_SEARCH 1
+#if ZK_X86_TIERS
+// The entry a vector search's smallest key names. The vector keys do not
+// hold the index of an exact entry (D = 0 keys as 255 - i or 256 + i there),
+// so one is looked for afterwards: the first, as the scan stops at it.
+uint32_t index_of_key(const PaletteSearch::Channels& c, int32_t key, uint32_t red, uint32_t green, uint32_t blue) {
+    if (key < 512) {
+        for (uint32_t i = 0; i < 256; ++i)
+            if (c.r[i] == static_cast<int32_t>(red) && c.g[i] == static_cast<int32_t>(green) &&
+                c.b[i] == static_cast<int32_t>(blue))
+                return i;
+    }
+    const int32_t tie = key & 511;
+    return static_cast<uint32_t>(tie < 256 ? 255 - tie : tie - 256);
+}
+
 // The same minimum with 512-bit vectors, sixteen entries at a time: one
-// 16-bit multiply-add gives dr^2 + dg^2, another db^2. An exact entry is
-// looked for afterwards (its key is below 512 only when there is one).
-__attribute__((target("avx512f,avx512bw"))) uint32_t nearest_wide(const PaletteSearch::Channels& c, uint32_t red,
-                                                                  uint32_t green, uint32_t blue) {
+// 16-bit multiply-add gives dr^2 + dg^2, another db^2.
+__attribute__((target("avx512f,avx512bw"))) uint32_t nearest_avx512(const PaletteSearch::Channels& c, uint32_t red,
+                                                                    uint32_t green, uint32_t blue) {
     const __m512i rg = _mm512_set1_epi32(static_cast<int32_t>(red | green << 16));
     const __m512i b0 = _mm512_set1_epi32(static_cast<int32_t>(blue));
     const __m512i target = _mm512_set1_epi32(static_cast<int32_t>(channel_class(red, green, blue)));
@@ -131,28 +143,42 @@ __attribute__((target("avx512f,avx512bw"))) uint32_t nearest_wide(const PaletteS
         best = _mm512_min_epi32(best, _mm512_or_si512(_mm512_slli_epi32(d, 9), tie));
         index = _mm512_add_epi32(index, sixteen);
     }
-    const int32_t key = _mm512_reduce_min_epi32(best);
-    if (key < 512) {  // D = 0: the first exact entry
-        for (uint32_t i = 0; i < 256; ++i)
-            if (c.r[i] == static_cast<int32_t>(red) && c.g[i] == static_cast<int32_t>(green) &&
-                c.b[i] == static_cast<int32_t>(blue))
-                return i;
-    }
-    const int32_t tie = key & 511;
-    return static_cast<uint32_t>(tie < 256 ? 255 - tie : tie - 256);
+    return index_of_key(c, _mm512_reduce_min_epi32(best), red, green, blue);
 }
 
-bool wide_search_usable() {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw");
+// The same with 256-bit vectors, eight entries at a time.
+__attribute__((target("avx2"))) uint32_t nearest_avx2(const PaletteSearch::Channels& c, uint32_t red, uint32_t green,
+                                                      uint32_t blue) {
+    const __m256i rg = _mm256_set1_epi32(static_cast<int32_t>(red | green << 16));
+    const __m256i b0 = _mm256_set1_epi32(static_cast<int32_t>(blue));
+    const __m256i target = _mm256_set1_epi32(static_cast<int32_t>(channel_class(red, green, blue)));
+    const __m256i other = _mm256_set1_epi32(256), own = _mm256_set1_epi32(255), eight = _mm256_set1_epi32(8);
+    __m256i index = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    __m256i best = _mm256_set1_epi32(INT32_MAX);
+    for (int i = 0; i < 256; i += 8) {
+        const __m256i x =
+            _mm256_sub_epi16(_mm256_load_si256(reinterpret_cast<const __m256i*>(c.red_green + 2 * i)), rg);
+        const __m256i y =
+            _mm256_sub_epi16(_mm256_load_si256(reinterpret_cast<const __m256i*>(c.blue_zero + 2 * i)), b0);
+        const __m256i d = _mm256_add_epi32(_mm256_madd_epi16(x, x), _mm256_madd_epi16(y, y));
+        const __m256i same_class =
+            _mm256_cmpeq_epi32(_mm256_load_si256(reinterpret_cast<const __m256i*>(c.cls + i)), target);
+        const __m256i tie =
+            _mm256_blendv_epi8(_mm256_add_epi32(index, other), _mm256_sub_epi32(own, index), same_class);
+        best = _mm256_min_epi32(best, _mm256_or_si256(_mm256_slli_epi32(d, 9), tie));
+        index = _mm256_add_epi32(index, eight);
+    }
+    __m128i m = _mm_min_epi32(_mm256_castsi256_si128(best), _mm256_extracti128_si256(best, 1));
+    m = _mm_min_epi32(m, _mm_shuffle_epi32(m, 0x4E));
+    m = _mm_min_epi32(m, _mm_shuffle_epi32(m, 0xB1));
+    return index_of_key(c, _mm_cvtsi128_si32(m), red, green, blue);
 }
-#else
-#define ZK_WIDE_SEARCH 0
+
 #endif
 
 }  // namespace
 
-void PaletteSearch::prepare(const RGBQUAD* entries, uint32_t count, bool wide_vectors) {
+void PaletteSearch::prepare(const RGBQUAD* entries, uint32_t count) {
     entries_ = entries;
     count_ = std::min(count, 256u);
     for (uint32_t i = 0; i < 256; ++i) {
@@ -172,9 +198,7 @@ void PaletteSearch::prepare(const RGBQUAD* entries, uint32_t count, bool wide_ve
         c_.blue_zero[2 * i] = static_cast<int16_t>(c_.b[i]);
         c_.blue_zero[2 * i + 1] = 0;
     }
-#if ZK_WIDE_SEARCH
-    wide_ = wide_vectors && wide_search_usable();
-#endif
+    tier_ = platform::cpu_tier();
 }
 
 // The scan keeps the first entry at the smallest distance D and moves to a
@@ -194,8 +218,9 @@ uint32_t PaletteSearch::find(uint32_t red, uint32_t green, uint32_t blue) const 
         if (is_black(entries_[0])) return 0;
         if (is_black(entries_[count_ - 1])) return count_ - 1;
     }
-#if ZK_WIDE_SEARCH
-    if (wide_) return nearest_wide(c_, red, green, blue);
+#if ZK_X86_TIERS
+    if (tier_ == platform::CpuTier::AVX512) return nearest_avx512(c_, red, green, blue);
+    if (tier_ == platform::CpuTier::AVX2) return nearest_avx2(c_, red, green, blue);
 #endif
     return nearest_by_distance(c_, red, green, blue);
 }

@@ -11,6 +11,7 @@
 
 #include "color/convert.h"
 #include "test_support.h"
+#include "tiers.h"
 #include "zkernel.h"
 
 namespace {
@@ -590,15 +591,32 @@ TEST(ConvertAltSpace, FormulasOverRandomPixels) {
     EXPECT_EQ(head(narrow, 30), head(via24, 30));
 }
 
-// Each fast path gives the general path's bytes on random rows of many
-// widths, in every order combination it serves, with the fastest kernels
-// the processor runs and with the baseline-only ones.
-struct FastPair {
-    int32_t src;
-    uint32_t dst;
+// Every entry of the fast-path table, in each tier the processor runs,
+// gives the general path's bytes on random rows of every width to 72 and
+// some large ones, at every offset of the row from a 64-byte boundary (a few
+// for the large widths; the kernels place their vector groups by address),
+// and leaves the bytes around the conversion buffer alone. The kernel is run
+// directly and through conversion with the tier capped to its own.
+struct FormatBits {
+    int32_t bits;
+    uint32_t order;
 };
-constexpr FastPair kFastPairs[] = {{24, 24}, {24, 32}, {32, 24}, {24, 0}, {24, 16}, {16, 24}, {48, 24}, {8, 24}};
-constexpr zk::ConvertPaths kFastTiers[] = {zk::ConvertPaths::WithFastPaths, zk::ConvertPaths::PortableFastPaths};
+
+FormatBits format_bits(zk::FastFormat f) {
+    using F = zk::FastFormat;
+    switch (f) {
+        case F::Bgr24: return {24, CO_BGR};
+        case F::Rgb24: return {24, CO_RGB};
+        case F::Bgr32: return {32, CO_BGR};
+        case F::Rgb32: return {32, CO_RGB};
+        case F::Bgr48: return {48, CO_BGR};
+        case F::Rgb48: return {48, CO_RGB};
+        case F::Bgr555: return {16, CO_BGR};
+        case F::Rgb555: return {16, CO_RGB};
+        case F::Gray8: return {0, CO_GRAY};
+        default: return {8, CO_BGR};
+    }
+}
 
 std::vector<RGBQUAD> fast_test_palette() {
     std::vector<RGBQUAD> pal(256);
@@ -606,85 +624,89 @@ std::vector<RGBQUAD> fast_test_palette() {
     return pal;
 }
 
-TEST(ConvertFastPaths, MatchTheGeneralPath) {
-    // Every width to 20, then around vector groups and the 512-pixel blocks.
-    std::vector<int> kWidths;
-    for (int w = 1; w <= 20; ++w) kWidths.push_back(w);
-    for (int w : {21, 31, 32, 33, 42, 57, 63, 64, 65, 94, 127, 128, 129, 131, 191, 192, 193, 511, 512, 513, 1100})
-        kWidths.push_back(w);
-    const std::vector<RGBQUAD> pal = fast_test_palette();
-    for (const auto tier : kFastTiers)
-        for (const auto& p : kFastPairs)
-            for (uint32_t so : {CO_RGB, CO_BGR})
-                for (uint32_t dor : {CO_RGB, CO_BGR})
-                    for (uint32_t flags : {0u, CVT_OPAQUE_ALPHA})
-                        for (const RGBQUAD* src_pal : {pal.data(), static_cast<const RGBQUAD*>(nullptr)})
-                            for (int width : kWidths) {
-                                if (p.src != 8 && !src_pal) continue;
-                                const int32_t sbits = p.src == 0 ? 8 : p.src;
-                                const size_t size = static_cast<size_t>(Z_CalcConvertSize(width, sbits, width, p.dst));
-                                Bytes row = zktest::random_bytes(size, static_cast<uint32_t>(width * 131 + p.src));
-                                zk::ConvertRequest rq;
-                                rq.width = width;
-                                rq.src_bits = p.src;
-                                rq.dst_bits = p.dst;
-                                rq.src_order = static_cast<int32_t>(so);
-                                rq.dst_order = dor;
-                                rq.src_palette = src_pal;
-                                rq.flags = flags;
-                                Bytes fast = row, general = row;
-                                rq.buffer = fast.data();
-                                ASSERT_EQ(zk::convert_buffer(rq, tier), ST_OK);
-                                rq.buffer = general.data();
-                                ASSERT_EQ(zk::convert_buffer(rq, zk::ConvertPaths::GeneralOnly), ST_OK);
-                                ASSERT_EQ(fast, general) << p.src << " -> " << p.dst << " orders " << so << "/" << dor
-                                                         << " width " << width << " tier " << static_cast<int>(tier);
-                            }
-}
+class FastPathTier : public testing::TestWithParam<zktest::CpuTier> {};
 
-// The kernels place their vector groups by the row's address: a row at every
-// offset from a 64-byte boundary gives the general path's bytes and leaves
-// the bytes around the conversion buffer alone.
-TEST(ConvertFastPaths, EveryRowAlignment) {
+TEST_P(FastPathTier, EveryEntryMatchesTheGeneralPath) {
+    const zktest::CpuTier tier = GetParam();
+    ZK_RUN_AT_TIER(tier);
+    std::vector<int> widths;
+    for (int w = 1; w <= 72; ++w) widths.push_back(w);
+    for (int w : {94, 127, 128, 129, 131, 191, 192, 193, 511, 512, 513, 1100, 4099}) widths.push_back(w);
     const std::vector<RGBQUAD> pal = fast_test_palette();
     constexpr size_t kGuard = 80;
-    for (const auto& p : kFastPairs)
-        for (uint32_t dor : {CO_RGB, CO_BGR})
-            for (int width : {1, 5, 16, 17, 21, 22, 63, 64, 65, 100, 129, 200, 333})
-                for (size_t offset = 0; offset < 64; ++offset) {
-                    const int32_t sbits = p.src == 0 ? 8 : p.src;
-                    const size_t size = static_cast<size_t>(Z_CalcConvertSize(width, sbits, width, p.dst));
-                    const Bytes row = zktest::random_bytes(size, static_cast<uint32_t>(width * 7 + offset));
-                    // The row at `offset` from a 64-byte boundary, at least
-                    // kGuard bytes inside an area of guard bytes.
-                    Bytes area(size + 256 + kGuard, 0xC3);
-                    const auto base = reinterpret_cast<uintptr_t>(area.data());
-                    const size_t start = (64 - base % 64) % 64 + 128 + offset;
-                    ASSERT_EQ((base + start) % 64, offset);
-                    std::copy(row.begin(), row.end(), area.begin() + static_cast<long>(start));
-                    Bytes general = row;
-                    zk::ConvertRequest rq;
-                    rq.width = width;
-                    rq.src_bits = p.src;
-                    rq.dst_bits = p.dst;
-                    rq.src_order = CO_BGR;
-                    rq.dst_order = dor;
-                    rq.src_palette = pal.data();
-                    rq.buffer = general.data();
-                    ASSERT_EQ(zk::convert_buffer(rq, zk::ConvertPaths::GeneralOnly), ST_OK);
-                    rq.buffer = area.data() + start;
-                    ASSERT_EQ(zk::convert_buffer(rq), ST_OK);
-                    const std::string what = std::to_string(p.src) + " -> " + std::to_string(p.dst) + " width " +
-                                             std::to_string(width) + " offset " + std::to_string(offset);
-                    ASSERT_EQ(
-                        Bytes(area.begin() + static_cast<long>(start), area.begin() + static_cast<long>(start + size)),
-                        general)
-                        << what;
-                    for (size_t i = 0; i < area.size(); ++i) {
-                        if (i >= start && i < start + size) continue;
-                        ASSERT_EQ(area[i], 0xC3) << what << " byte " << i;
-                    }
-                }
+    int entries = 0;
+    for (const zk::FastPath& path : zk::fast_paths()) {
+        if (path.tier != tier) continue;
+        ++entries;
+        const std::string name = std::string(zk::fast_format_name(path.src)) + " -> " + zk::fast_format_name(path.dst) +
+                                 " " + zk::platform::cpu_tier_name(tier);
+        ASSERT_EQ(zk::find_fast_path(path.src, path.dst, tier), &path) << name;
+        const FormatBits src = format_bits(path.src), dst = format_bits(path.dst);
+        for (int width : widths) {
+            const size_t size = static_cast<size_t>(Z_CalcConvertSize(width, src.bits, width, dst.bits));
+            const Bytes row = zktest::random_bytes(size, static_cast<uint32_t>(width * 131 + src.bits + dst.bits));
+            // Alternately: opaque alpha or none, the source palette or gray
+            // levels, the destination gray order given as such or plain.
+            zk::ConvertRequest rq;
+            rq.width = width;
+            rq.src_bits = src.bits;
+            rq.dst_bits = static_cast<uint32_t>(dst.bits);
+            rq.src_order = static_cast<int32_t>(src.order);
+            rq.dst_order = dst.order == CO_GRAY && width % 3 ? CO_BGR : dst.order;
+            rq.src_palette = width % 2 ? pal.data() : nullptr;
+            rq.flags = width % 4 < 2 ? CVT_OPAQUE_ALPHA : 0;
+            rq.alpha_fill = 0x12A5;
+            Bytes general = row;
+            rq.buffer = general.data();
+            ASSERT_EQ(zk::convert_buffer(rq, zk::ConvertPaths::GeneralOnly), ST_OK);
+            Bytes dispatched = row;
+            rq.buffer = dispatched.data();
+            ASSERT_EQ(zk::convert_buffer(rq), ST_OK);
+            ASSERT_EQ(dispatched, general) << name << " width " << width << " through conversion";
+
+            zk::Plan plan;
+            plan.width = static_cast<uint32_t>(width);
+            plan.alpha8 = rq.flags ? 0xA5 : 0;
+            plan.src_palette = rq.src_palette;
+            Bytes area(size + 256 + kGuard);
+            for (size_t offset = 0; offset < 64; offset += width <= 72 ? 1 : 9) {
+                std::fill(area.begin(), area.end(), 0xC3);
+                const auto base = reinterpret_cast<uintptr_t>(area.data());
+                const size_t start = (64 - base % 64) % 64 + 128 + offset;
+                std::copy(row.begin(), row.end(), area.begin() + static_cast<long>(start));
+                path.kernel(plan, area.data() + start);
+                const std::string what = name + " width " + std::to_string(width) + " offset " + std::to_string(offset);
+                ASSERT_EQ(
+                    Bytes(area.begin() + static_cast<long>(start), area.begin() + static_cast<long>(start + size)),
+                    general)
+                    << what;
+                for (size_t i = 0; i < area.size(); ++i)
+                    ASSERT_TRUE((i >= start && i < start + size) || area[i] == 0xC3) << what << " byte " << i;
+            }
+        }
+    }
+    // Every tier serves every hot pair (the portable one also the identities).
+    EXPECT_EQ(entries, tier == zktest::CpuTier::Portable ? 28 : 26);
+}
+
+INSTANTIATE_TEST_SUITE_P(Tiers, FastPathTier, testing::ValuesIn(zk::platform::kCpuTiers), zktest::tier_test_name);
+
+// Conversion takes, for each pair, the entry of the highest tier not above
+// the processor's, and a capped tier is kept to.
+TEST(FastPathTable, DispatchFollowsTheTier) {
+    for (const zk::FastPath& path : zk::fast_paths())
+        for (const zktest::CpuTier tier : zk::platform::kCpuTiers) {
+            const zk::FastPath* chosen = zk::find_fast_path(path.src, path.dst, tier);
+            ASSERT_NE(chosen, nullptr);
+            EXPECT_TRUE(chosen->src == path.src && chosen->dst == path.dst);
+            EXPECT_LE(chosen->tier, tier);
+            if (path.tier <= tier) {
+                EXPECT_GE(chosen->tier, path.tier);
+            }
+        }
+    const zktest::TierCap cap(zktest::CpuTier::Portable);
+    EXPECT_EQ(zk::platform::cpu_tier(), zktest::CpuTier::Portable);
+    EXPECT_EQ(zk::find_fast_path(zk::FastFormat::Bgr24, zk::FastFormat::Bgr48, zktest::CpuTier::AVX512), nullptr);
 }
 
 }  // namespace

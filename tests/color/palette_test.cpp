@@ -8,6 +8,7 @@
 
 #include "color/palette.h"
 #include "test_support.h"
+#include "tiers.h"
 #include "zkernel.h"
 
 namespace {
@@ -321,9 +322,13 @@ TEST(FindPaletteIndex, NearestOnAGrid) {
             }
 }
 
-// The prepared search answers as the scan does, on palettes full of ties
-// (fixed tables, duplicated and gray entries) over a grid of colours.
-TEST(FindPaletteIndex, PreparedSearchEqualsTheScan) {
+// The prepared search answers as the scan does in every tier the processor
+// runs, on palettes full of ties (fixed tables, duplicated and gray entries)
+// over a grid of colours.
+class PaletteSearchTier : public testing::TestWithParam<zktest::CpuTier> {};
+
+TEST_P(PaletteSearchTier, EqualsTheScan) {
+    ZK_RUN_AT_TIER(GetParam());
     std::vector<std::vector<RGBQUAD>> palettes;
     for (int bits = 1; bits <= 8; ++bits) {
         const RGBQUAD* t = Z_IntGetFixedPalette(bits);
@@ -338,47 +343,48 @@ TEST(FindPaletteIndex, PreparedSearchEqualsTheScan) {
         p.back() = rgb(0, 0, 0);
         palettes.push_back(p);
     }
-    for (const auto& p : palettes)
-        for (bool wide : {true, false}) {
-            zk::PaletteSearch search;
-            search.prepare(p.data(), static_cast<uint32_t>(p.size()), wide);
-            const auto n = static_cast<uint32_t>(p.size());
-            for (int r = 0; r < 256; r += 17)
-                for (int g = 0; g < 256; g += 15)
-                    for (int b = 0; b < 256; b += 51)
-                        ASSERT_EQ(search.find(r, g, b), Z_FindPaletteIndex(p.data(), n, r, g, b))
-                            << n << ": " << r << " " << g << " " << b;
-            for (uint32_t v : {0u, 42u, 85u, 128u, 170u, 255u})
-                ASSERT_EQ(search.find(v, v, v), Z_FindPaletteIndex(p.data(), n, v, v, v)) << n << " gray " << v;
-            ASSERT_EQ(search.find(300, 2, 2), Z_FindPaletteIndex(p.data(), n, 300, 2, 2));
-        }
+    for (const auto& p : palettes) {
+        zk::PaletteSearch search;
+        search.prepare(p.data(), static_cast<uint32_t>(p.size()));
+        const auto n = static_cast<uint32_t>(p.size());
+        for (int r = 0; r < 256; r += 17)
+            for (int g = 0; g < 256; g += 15)
+                for (int b = 0; b < 256; b += 51)
+                    ASSERT_EQ(search.find(r, g, b), Z_FindPaletteIndex(p.data(), n, r, g, b))
+                        << n << ": " << r << " " << g << " " << b;
+        for (uint32_t v : {0u, 42u, 85u, 128u, 170u, 255u})
+            ASSERT_EQ(search.find(v, v, v), Z_FindPaletteIndex(p.data(), n, v, v, v)) << n << " gray " << v;
+        ASSERT_EQ(search.find(300, 2, 2), Z_FindPaletteIndex(p.data(), n, 300, 2, 2));
+    }
 }
 
 // Random palettes of every size class, from few distinct values (many
 // entries at the same distance, of mixed channel-order classes) to all
 // distinct, against random colours: the prepared search keeps the scan's
 // tie rules (first exact entry; else last entry of the target's class at
-// the smallest distance, else the first there).
-TEST(FindPaletteIndex, PreparedSearchOnRandomPalettes) {
+// the smallest distance, else the first there), in every tier.
+TEST_P(PaletteSearchTier, OnRandomPalettes) {
+    ZK_RUN_AT_TIER(GetParam());
     std::mt19937 rng(11);
     for (uint32_t n : {1u, 3u, 16u, 100u, 255u, 256u})
-        for (uint32_t levels : {2u, 5u, 256u})
-            for (bool wide : {true, false}) {
-                std::vector<RGBQUAD> p(n);
-                const auto level = [&] { return static_cast<int>(rng() % levels * 255 / (levels - 1)); };
-                for (auto& e : p) e = rgb(level(), level(), level());
-                zk::PaletteSearch search;
-                search.prepare(p.data(), n, wide);
-                for (int k = 0; k < 3000; ++k) {
-                    // Half the colours on the palette's own levels, so that exact hits and ties occur.
-                    const uint32_t r = k % 2 ? rng() % 256 : static_cast<uint32_t>(level()),
-                                   g = k % 2 ? rng() % 256 : static_cast<uint32_t>(level()),
-                                   b = k % 2 ? rng() % 256 : static_cast<uint32_t>(level());
-                    ASSERT_EQ(search.find(r, g, b), Z_FindPaletteIndex(p.data(), n, r, g, b))
-                        << n << "/" << levels << (wide ? " wide: " : ": ") << r << " " << g << " " << b;
-                }
+        for (uint32_t levels : {2u, 5u, 256u}) {
+            std::vector<RGBQUAD> p(n);
+            const auto level = [&] { return static_cast<int>(rng() % levels * 255 / (levels - 1)); };
+            for (auto& e : p) e = rgb(level(), level(), level());
+            zk::PaletteSearch search;
+            search.prepare(p.data(), n);
+            for (int k = 0; k < 3000; ++k) {
+                // Half the colours on the palette's own levels, so that exact hits and ties occur.
+                const uint32_t r = k % 2 ? rng() % 256 : static_cast<uint32_t>(level()),
+                               g = k % 2 ? rng() % 256 : static_cast<uint32_t>(level()),
+                               b = k % 2 ? rng() % 256 : static_cast<uint32_t>(level());
+                ASSERT_EQ(search.find(r, g, b), Z_FindPaletteIndex(p.data(), n, r, g, b))
+                    << n << "/" << levels << ": " << r << " " << g << " " << b;
             }
+        }
 }
+
+INSTANTIATE_TEST_SUITE_P(Tiers, PaletteSearchTier, testing::ValuesIn(zk::platform::kCpuTiers), zktest::tier_test_name);
 
 TEST(BitmapPalette, EntriesAndColours) {
     BitmapHandle b = record(8, 256);
