@@ -1234,6 +1234,160 @@ Z_EXPORT int32_t Z_API Z_CosValue(int32_t angle);
 /* Floor of the square root of n, exact for every 32-bit n. */
 Z_EXPORT uint32_t Z_API Z_SQRT(uint32_t n);
 
+/* ---------------------------------------------------------------------------
+ * Geometry: right-angle rotation
+ * ------------------------------------------------------------------------- */
+/* Z_RotateBitmap flag: give the bitmap the turned size (quarter turns). */
+#define ROTATE_RESIZE 1u
+
+/* Turns the displayed image a quarter turn, clockwise when clockwise is
+ * non-zero, else counter-clockwise, in any storage kind and depth. The stored
+ * rows turn the other way for the mirrored perspectives (VP_TOP_RIGHT,
+ * VP_BOTTOM_LEFT, VP_LEFT_TOP, VP_RIGHT_BOTTOM). The result is built beside
+ * the bitmap as Z_DupBitmapNewDim builds a duplicate (disk storage for disk,
+ * memory kinds by the thresholds) and the rotate hook (entry 13) is called
+ * with it, the old Width and Height and 9000 or -9000; only when both
+ * succeed does it replace the old storage in the same record (Width and
+ * Height exchanged, ViewPerspective, palette and resolutions kept).
+ * Failures leave the record and pixels as they were: ST_NO_BITMAP (null),
+ * ST_BAD_STRUCT_SIZE, ST_INVALID_BITMAP (no storage, or a record whose sizes
+ * do not hold its pixels), ST_BAD_BPP, ST_NO_MEMORY, row-access and
+ * temporary-file failures, the rotate hook's failure, or the status
+ * callback's result other than ST_OK (called with 0, then per source row). */
+Z_EXPORT int32_t Z_API Z_RotateBitmap90(BitmapHandle* bitmap, int32_t clockwise);
+/* Turns a packed width x height image in src a quarter turn into dst
+ * (clockwise when clockwise is non-zero): dst holds height x width pixels in
+ * rows of ((height * bitsPerPixel + 31) / 8 & ~3) bytes; src rows are
+ * ((width * bitsPerPixel + 31) / 8 & ~3) bytes. Only the pixel bits of dst
+ * are written (at 1 and 4 bits per pixel also the rest of each row's last
+ * pixel byte, as 0); the buffers must not overlap. ST_OK (also for a width
+ * or height of 0); ST_BAD_PARAM (null buffer, negative size), ST_BAD_BPP
+ * (depth other than 1-8, 12, 16, 24, 32, 48, 64), ST_TOO_LARGE, ST_NO_MEMORY
+ * (the scratch rows of a counter-clockwise turn). */
+Z_EXPORT int32_t Z_API Z_RotateBuffer90(const uint8_t* src, uint8_t* dst, int32_t clockwise, int32_t width,
+                                        int32_t height, int32_t bitsPerPixel);
+/* Turns a packed width x height image a half turn from src into dst (rows as
+ * Z_RotateBuffer90's src): dst row height-1-r is src row r with its pixels
+ * in reverse order, its bytes past the pixels copied from src row r. src ==
+ * dst turns in place; other overlaps are not allowed. ST_OK (also for a
+ * width or height of 0); ST_BAD_PARAM, ST_BAD_BPP, ST_TOO_LARGE,
+ * ST_NO_MEMORY (the row kept aside when turning in place). */
+Z_EXPORT int32_t Z_API Z_RotateBuffer180(const uint8_t* src, uint8_t* dst, int32_t width, int32_t height,
+                                         int32_t bitsPerPixel);
+/* Turns the displayed image clockwise by angle hundredths of a degree
+ * (negative: counter-clockwise). Only whole quarter turns are done here:
+ * angles that are multiples of 36000 return ST_OK and change nothing; 9000
+ * and 27000 (modulo 36000, so -9000 is 27000) are Z_RotateBitmap90 with its
+ * results; 18000 builds the half-turned bitmap beside the old one and
+ * replaces it (same size and record; rotate hook called with the old Width
+ * and Height and 18000). A quarter turn of a bitmap that is not square needs
+ * ROTATE_RESIZE in flags (the turned size); fillColor is not used by right
+ * angles. Any other angle, or a quarter turn of a non-square bitmap without
+ * ROTATE_RESIZE, gives ST_BAD_PARAM with nothing changed (turning by other
+ * angles is not provided). Record checks and failures as Z_RotateBitmap90. */
+Z_EXPORT int32_t Z_API Z_RotateBitmap(BitmapHandle* bitmap, int32_t angle, uint32_t flags, uint32_t fillColor);
+
+/* ---------------------------------------------------------------------------
+ * Geometry: flip, mirror and view perspective
+ * ------------------------------------------------------------------------- */
+/* Flips the displayed image top-to-bottom by moving pixels: the stored row
+ * order is reversed (each stored row is mirrored instead for the transposed
+ * perspectives 5-8), then the flip hook (entry 19; entry 1 for a row mirror)
+ * is called and its result returned. Overlays taking part move to the
+ * mirrored top and are flipped too. Progress is reported through the status
+ * callback. ST_OK; ST_BAD_PARAM (null record or no storage),
+ * ST_BAD_STRUCT_SIZE (record or overlay table), ST_INVALID_BITMAP (sizes that
+ * do not hold the pixels), ST_NO_MEMORY, row-access failures, a hook's or the
+ * callback's result. On failure the bitmap, its pixels and its overlays are
+ * as they were. */
+Z_EXPORT int32_t Z_API Z_FlipBitmap(BitmapHandle* bitmap);
+/* Mirrors the displayed image left-to-right by moving pixels: every stored
+ * row is mirrored (the stored row order is reversed instead for the
+ * transposed perspectives), then the mirror hook (entry 1; entry 19 for a
+ * row-order reversal). Overlays taking part move to left = displayed width -
+ * overlay Width - left and are mirrored too. ST_OK; ST_BAD_PARAM (null
+ * record), ST_BAD_STRUCT_SIZE, ST_INVALID_BITMAP (no storage), and the other
+ * failures of Z_FlipBitmap, again leaving everything as it was. */
+Z_EXPORT int32_t Z_API Z_ReverseBitmap(BitmapHandle* bitmap);
+/* Flips the displayed image by changing only ViewPerspective (1<->4, 2<->3,
+ * 5<->8, 6<->7); a value outside 1-8 is left as it is. ST_OK; ST_BAD_PARAM
+ * (null record), ST_BAD_STRUCT_SIZE. */
+Z_EXPORT int32_t Z_API Z_FlipBitmapViewPerspective(BitmapHandle* bitmap);
+/* Z_FlipBitmapViewPerspective without the record-size check; ST_INVALID_BITMAP
+ * for a null record. */
+Z_EXPORT int32_t Z_API Z_IntFlipBitmapViewPerspective(BitmapHandle* bitmap);
+/* Mirrors the displayed image by changing only ViewPerspective (1<->2, 3<->4,
+ * 5<->6, 7<->8); a value outside 1-8 is left as it is. ST_OK; ST_BAD_PARAM
+ * (null record), ST_BAD_STRUCT_SIZE. */
+Z_EXPORT int32_t Z_API Z_ReverseBitmapViewPerspective(BitmapHandle* bitmap);
+/* Z_ReverseBitmapViewPerspective without the record-size check;
+ * ST_INVALID_BITMAP for a null record. */
+Z_EXPORT int32_t Z_API Z_IntReverseBitmapViewPerspective(BitmapHandle* bitmap);
+/* Turns the displayed image clockwise by angle whole degrees (negative:
+ * counter-clockwise) by changing only ViewPerspective, one step of
+ * 1->6->3->8->1 and 2->7->4->5->2 per quarter turn. An angle that is a
+ * multiple of 360 changes nothing. A value outside 1-8 becomes -13 (as an
+ * unsigned value) and the result is still ST_OK. ST_BAD_PARAM (null record,
+ * angle not a multiple of 90), ST_BAD_STRUCT_SIZE. */
+Z_EXPORT int32_t Z_API Z_RotateBitmapViewPerspective(BitmapHandle* bitmap, int32_t angle);
+/* Z_RotateBitmapViewPerspective without the record-size check. */
+Z_EXPORT int32_t Z_API Z_IntRotateBitmapViewPerspective(BitmapHandle* bitmap, int32_t angle);
+/* How pixel data stored in perspective `from` becomes data stored in `to`
+ * (both VP_ values 1-8): *flip = 1 when the stored row order is first
+ * reversed, then *angle (degrees: 0, 90, 180 or 270) is the clockwise turn of
+ * the stored data. The pair 2 -> 8 gives flip 1 and -90 (4294967206), a
+ * counter-clockwise quarter turn. ST_OK; ST_BAD_PARAM for a null pointer or
+ * a value outside 1-8 (outputs untouched). */
+Z_EXPORT int32_t Z_API Z_GetChangeViewPerspectiveParams(int32_t from, int32_t to, uint32_t* flip, uint32_t* angle);
+/* Converts the pixel data of src to perspective `to`, keeping the displayed
+ * picture. With dst null or equal to src, src is converted in place (a
+ * transposing change gives it the turned Width and Height, the record keeping
+ * its address); otherwise dst (structSize Z_BITMAPHANDLE_SIZE) receives a
+ * converted copy with its own storage of src's kind, palette, region and
+ * overlays, freed with Z_FreeBitmap. ST_OK; ST_BAD_PARAM (null src, no
+ * storage, a value outside 1-8), ST_BAD_STRUCT_SIZE, ST_NO_MEMORY, row-access,
+ * turn and hook failures. On failure src is as it was and dst holds
+ * nothing. */
+Z_EXPORT int32_t Z_API Z_ChangeBitmapViewPerspective(BitmapHandle* dst, BitmapHandle* src, int32_t structSize,
+                                                     int32_t to);
+/* Z_ChangeBitmapViewPerspective without its record checks: dst (when not null
+ * and not src) is made with Z_DupBitmapNewDim(dst, src, structSize, ...,
+ * dupFlags) and taken apart with Z_FreeDuplicateBitmap(dst, dupFlags) on
+ * failure. ST_BAD_PARAM for a null src; ST_INVALID_BITMAP for src without
+ * storage (in place). The status callback is off while it works. */
+Z_EXPORT int32_t Z_API Z_IntChangeBitmapViewPerspective(BitmapHandle* dst, BitmapHandle* src, int32_t structSize,
+                                                        int32_t to, uint32_t dupFlags);
+/* Maps *rect (right and bottom exclusive) of data stored width x height
+ * pixels in perspective `from` to where it lies once the data is stored in
+ * perspective `to`. Only turns of 90, 180 and 270 are applied, so the pair
+ * 2 -> 8 is only flipped. A value outside 1-8 leaves the rectangle alone.
+ * ST_OK; ST_BAD_PARAM for a null rect. */
+Z_EXPORT int32_t Z_API Z_ChangeRectViewPerspective(int32_t from, int32_t width, int32_t height, int32_t to, RECT* rect);
+/* Maps the stored pixel (*x, *y) of bitmap to its place when the bitmap is
+ * stored in perspective `to` (as Z_ChangeRectViewPerspective does, per
+ * pixel). ST_OK (also unchanged for the bitmap's own perspective);
+ * ST_BAD_PARAM (null pointer, a value outside 1-8), ST_BAD_STRUCT_SIZE. */
+Z_EXPORT int32_t Z_API Z_PointFromBitmap(BitmapHandle* bitmap, int32_t to, int32_t* x, int32_t* y);
+/* Maps the pixel (*x, *y) of the bitmap stored in perspective `from` to
+ * stored coordinates. The size of the data in `from` is the bitmap's
+ * displayed width and height, exchanged only when `from` is 6 or 8 (not for
+ * 5 or 7). ST_OK; ST_BAD_PARAM (null pointer, a value outside 1-8),
+ * ST_BAD_STRUCT_SIZE. */
+Z_EXPORT int32_t Z_API Z_PointToBitmap(BitmapHandle* bitmap, int32_t from, int32_t* x, int32_t* y);
+/* Z_ChangeRectViewPerspective from the bitmap's perspective and stored size
+ * to `to`. ST_OK; ST_BAD_PARAM (null pointer), ST_BAD_STRUCT_SIZE. */
+Z_EXPORT int32_t Z_API Z_RectFromBitmap(BitmapHandle* bitmap, int32_t to, RECT* rect);
+/* Z_ChangeRectViewPerspective from `from` to the bitmap's perspective, with
+ * the size of Z_PointToBitmap. ST_OK; ST_BAD_PARAM (null pointer),
+ * ST_BAD_STRUCT_SIZE. */
+Z_EXPORT int32_t Z_API Z_RectToBitmap(BitmapHandle* bitmap, int32_t from, RECT* rect);
+/* Mirrors the first width pixels of a packed row in place (pixel i changes
+ * place with pixel width-1-i) at 1-8, 12, 16, 24, 32, 48 or 64 bits per pixel;
+ * any other depth leaves the row alone. The row needs (width * bitsPerPixel +
+ * 7) / 8 bytes. At 1, 2 and 4 bits the rest of the last pixel byte becomes 0;
+ * elsewhere it is kept. ST_OK; ST_BAD_PARAM for a null buffer. */
+Z_EXPORT int32_t Z_API Z_MirrorLine(uint8_t* buffer, uint32_t width, int32_t bitsPerPixel);
+
 #ifdef __cplusplus
 }
 #endif

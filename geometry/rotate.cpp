@@ -1,0 +1,418 @@
+// Right-angle turns of packed buffers and of bitmaps in every storage kind.
+//
+// A quarter turn moves every source row into a destination column. It runs
+// in bands of destination columns: the source rows of a band are read once,
+// then every destination row receives its strip of the band's columns. The
+// band's columns are transposed a block at a time from a copy that sits in
+// cache, so the spacing of the source rows does not matter.
+#include <atomic>
+#include <cstring>
+
+#include "bitmap_handle.h"
+#include "geometry/rotate.h"
+#include "region.h"
+#include "rows/row_stream.h"
+#include "storage.h"
+#include "thread_state.h"
+
+namespace zk::rotate {
+namespace {
+
+// Band sizes. Memory turns take bands whose strips are a few cache lines of
+// each destination row; turns that involve tiled or disk storage take bands
+// of tens of MiB so that the destination is walked only a few times while
+// the memory held stays bounded whatever the image size.
+constexpr uint64_t kStripBits = 256 * 8;
+// At most 512 band rows, so that a cache line of each fits the first-level
+// cache while a strip is transposed.
+constexpr uint64_t kMaxMemoryBand = 512;
+constexpr uint64_t kStreamBand = uint64_t{32} << 20;
+std::atomic<uint64_t> g_stream_band{kStreamBand};
+// The columns of a band being transposed are first copied side by side into
+// a block about this size (at least a cache line per band row), so that the
+// transpose reads from cache whatever the source rows' spacing.
+constexpr uint64_t kChunkBytes = 64 << 10;
+
+inline void prefetch(const uint8_t* p) {
+#if defined(__GNUC__) || defined(__clang__)
+    __builtin_prefetch(p);
+#else
+    (void)p;
+#endif
+}
+
+uint32_t memory_band(uint32_t row_bytes, int32_t bpp) {
+    const uint32_t rows = band_rows(row_bytes, bpp, UINT64_MAX, kStripBits);
+    return rows < kMaxMemoryBand ? rows : static_cast<uint32_t>(kMaxMemoryBand);
+}
+
+// A block from Z_Malloc released on every way out.
+struct Buffer {
+    void* p = nullptr;
+    ~Buffer() { Z_Free(p); }
+    bool alloc(uint64_t bytes, bool zero) {
+        if (bytes > SIZE_MAX - 1) return false;
+        p = zero ? Z_Calloc(1, static_cast<size_t>(bytes ? bytes : 1))
+                 : Z_Malloc(static_cast<size_t>(bytes ? bytes : 1));
+        return p != nullptr;
+    }
+    template <typename T>
+    T* as() const {
+        return static_cast<T*>(p);
+    }
+};
+
+// First byte of column c and the bytes that columns c .. c+n-1 cover.
+struct Strip {
+    size_t offset;
+    size_t bytes;
+};
+Strip strip_of(int32_t bpp, uint32_t c, uint32_t n) {
+    const uint64_t first = uint64_t{c} * static_cast<uint32_t>(bpp);
+    const uint64_t end = (uint64_t{c} + n) * static_cast<uint32_t>(bpp);
+    return {static_cast<size_t>(first >> 3), static_cast<size_t>(((end + 7) >> 3) - (first >> 3))};
+}
+
+bool plain_memory(const BitmapHandle& b) {
+    return has(b, BF_MEMORY) && !has(b, BF_TILED | BF_COMPRESSED | BF_SUPERCOMPRESSED);
+}
+
+// The mirrored perspectives show the stored rows reflected, so a turn of
+// what is shown is the opposite turn of what is stored.
+bool mirrored_perspective(uint32_t vp) {
+    return vp == VP_TOP_RIGHT || vp == VP_BOTTOM_LEFT || vp == VP_LEFT_TOP || vp == VP_RIGHT_BOTTOM;
+}
+
+// Checks shared by the bitmap turns.
+int32_t check_bitmap(const BitmapHandle* b) {
+    if (!b) return ST_NO_BITMAP;
+    if (b->StructSize != kStructSize) return ST_BAD_STRUCT_SIZE;
+    if (!(b->Flags & BF_ALLOCATED)) return ST_INVALID_BITMAP;
+    if (!valid_depth(b->BitsPerPixel)) return ST_BAD_BPP;
+    if (!geometry_consistent(*b) || b->Width < 1 || b->Height < 1) return ST_INVALID_BITMAP;
+    return ST_OK;
+}
+
+// Transposes bands of source rows into strips of destination rows. Band
+// row k (in destination column order: reversed already for a
+// counter-clockwise turn) becomes destination column c0 + k. The sink says
+// where the strips of destination rows d0 .. d0+g-1 go (begin) and stores
+// them when they were staged (end).
+class BandTurn {
+public:
+    BandTurn(int32_t bpp, uint32_t width, uint32_t band) : bpp_(bpp), width_(width), band_(band) {
+        uint64_t per_row = kChunkBytes / band;
+        if (per_row < 64) per_row = 64;
+        uint64_t px = (per_row * 8 / static_cast<uint32_t>(bpp)) & ~uint64_t{7};
+        if (px < 8) px = 8;
+        const uint64_t all = (uint64_t{width} + 7) & ~uint64_t{7};
+        chunk_px_ = static_cast<uint32_t>(px < all ? px : all);
+        chunk_row_ = strip_of(bpp, 0, chunk_px_).bytes;
+    }
+    // The block has 8 bytes of slack for the word reads of the kernels.
+    int32_t init() { return chunk_.alloc(uint64_t{band_} * chunk_row_ + 8, true) ? ST_OK : ST_NO_MEMORY; }
+    template <typename Sink>
+    int32_t run(const uint8_t* const* rows, uint32_t n, Sink& sink) {
+        uint8_t* out[8];
+        for (uint32_t d = 0; d < width_; d += chunk_px_) {
+            const uint32_t c = width_ - d < chunk_px_ ? width_ - d : chunk_px_;
+            const Strip part = strip_of(bpp_, d, c);
+            for (uint32_t k = 0; k < n; ++k)
+                std::memcpy(chunk_.as<uint8_t>() + k * chunk_row_, rows[k] + part.offset, part.bytes);
+            if (d + c < width_) {
+                // The next part of every band row is on its way while this one
+                // is transposed: too many rows for the hardware to follow.
+                const Strip next = strip_of(bpp_, d + c, width_ - d - c < chunk_px_ ? width_ - d - c : chunk_px_);
+                for (uint32_t k = 0; k < n; ++k)
+                    for (size_t at = 0; at < next.bytes; at += 64) prefetch(rows[k] + next.offset + at);
+            }
+            for (uint32_t d0 = d; d0 < d + c; d0 += 8) {
+                const uint32_t g = d + c - d0 < 8 ? d + c - d0 : 8;
+                int32_t r = sink.begin(d0, g, out);
+                if (r != ST_OK) return r;
+                transpose_strip(bpp_, chunk_.as<uint8_t>(), chunk_row_, n, d0 - d, g, out);
+                if ((r = sink.end(d0, g, out)) != ST_OK) return r;
+            }
+        }
+        return ST_OK;
+    }
+
+private:
+    int32_t bpp_;
+    uint32_t width_, band_, chunk_px_;
+    size_t chunk_row_;
+    Buffer chunk_;
+};
+
+// Strips written straight into rows of memory: a packed buffer, or a
+// bitmap whose storage is one addressable block.
+struct DirectSink {
+    uint8_t* base;  // null: ask the bitmap's kind for each row
+    BitmapHandle* bitmap;
+    const storage::KindOps* ops;
+    uint64_t stride;
+    Strip strip;
+    int32_t begin(uint32_t d0, uint32_t g, uint8_t** out) {
+        for (uint32_t a = 0; a < g; ++a) {
+            const size_t at = static_cast<size_t>((d0 + a) * stride) + strip.offset;
+            out[a] = base ? base + at : ops ? ops->map(*bitmap, at, strip.bytes) : nullptr;
+            if (!out[a]) return ST_NO_MEMORY;
+        }
+        return ST_OK;
+    }
+    int32_t end(uint32_t, uint32_t, uint8_t* const*) { return ST_OK; }
+};
+
+// Strips staged and then stored: into a tile's view where the kind maps
+// one, else through row access (disk storage).
+struct StagedSink {
+    BitmapHandle* bitmap;
+    const storage::KindOps* ops;
+    uint64_t stride;
+    Strip strip;
+    uint32_t column;
+    uint8_t* stage;
+    int32_t begin(uint32_t, uint32_t g, uint8_t** out) {
+        for (uint32_t a = 0; a < g; ++a) {
+            out[a] = stage + a * strip.bytes;
+            out[a][strip.bytes - 1] = 0;
+        }
+        return ST_OK;
+    }
+    int32_t end(uint32_t d0, uint32_t g, uint8_t* const* out) {
+        for (uint32_t a = 0; a < g; ++a) {
+            const size_t at = static_cast<size_t>((d0 + a) * stride) + strip.offset;
+            if (uint8_t* q = ops ? ops->map(*bitmap, at, strip.bytes) : nullptr) {
+                std::memcpy(q, out[a], strip.bytes);
+                continue;
+            }
+            const int32_t put = Z_PutBitmapRowCol(bitmap, out[a], d0 + a, column, static_cast<uint32_t>(strip.bytes));
+            if (put != static_cast<int32_t>(strip.bytes)) return put < 0 ? put : ST_FILE_WRITE;
+        }
+        return ST_OK;
+    }
+};
+
+// Quarter turn of `src` (stored rows clockwise when cw) into the result of
+// `rep`, which it builds.
+int32_t turn_quarter(BitmapHandle& src, bool cw, rows::Replacement& rep) {
+    const int32_t bpp = src.BitsPerPixel;
+    const uint32_t w = static_cast<uint32_t>(src.Width);
+    const uint32_t h = static_cast<uint32_t>(src.Height);
+    int32_t r = rep.build_like(src, src.Height, src.Width, bpp);
+    if (r != ST_OK) return r;
+    BitmapHandle& dst = rep.result();
+
+    const bool src_plain = plain_memory(src);
+    const bool dst_plain = plain_memory(dst);
+    const uint32_t src_bpl = src.BytesPerLine;
+    uint32_t band =
+        src_plain && dst_plain ? memory_band(src_bpl, bpp) : band_rows(src_bpl, bpp, g_stream_band.load(), 0);
+    if (band > h) band = (h + 7) & ~7u;
+    const bool copy_rows = !src_plain || !cw;
+
+    Buffer rows_buf, ptrs_buf, stage_buf;
+    BandTurn turn(bpp, w, band);
+    if ((r = turn.init()) != ST_OK) return r;
+    if (!ptrs_buf.alloc(uint64_t{band} * sizeof(const uint8_t*), false)) return ST_NO_MEMORY;
+    if (copy_rows && !rows_buf.alloc(uint64_t{band} * src_bpl, true)) return ST_NO_MEMORY;
+    if (!dst_plain && !stage_buf.alloc(uint64_t{8} * strip_of(bpp, 0, band).bytes, true)) return ST_NO_MEMORY;
+    const uint8_t** rowp = ptrs_buf.as<const uint8_t*>();
+
+    rows::RowStream in(src);
+    rows::RowStream out(dst);  // holds the destination locked
+    const storage::KindOps* ops = storage::kind_ops(dst);
+    Progress progress(h);
+    if ((r = progress.start()) != ST_OK) return r;
+
+    for (uint32_t c0 = 0; c0 < h; c0 += band) {
+        const uint32_t n = h - c0 < band ? h - c0 : band;
+        for (uint32_t k = 0; k < n; ++k) {
+            const uint32_t row = cw ? h - 1 - (c0 + k) : c0 + k;
+            const uint8_t* p = in.read(row);
+            if (!p) return in.status();
+            if (!copy_rows) {
+                rowp[k] = p;
+                continue;
+            }
+            uint8_t* q = rows_buf.as<uint8_t>() + size_t{k} * src_bpl;
+            if (cw)
+                std::memcpy(q, p, src_bpl);
+            else
+                mirror_row(p, q, w, bpp);
+            rowp[k] = q;
+        }
+        const Strip strip = strip_of(bpp, c0, n);
+        if (dst_plain) {
+            DirectSink sink{nullptr, &dst, ops, dst.BytesPerLine, strip};
+            r = turn.run(rowp, n, sink);
+        } else {
+            StagedSink sink{&dst, ops, dst.BytesPerLine, strip, c0, stage_buf.as<uint8_t>()};
+            r = turn.run(rowp, n, sink);
+        }
+        if (r != ST_OK) return r;
+        for (uint32_t k = 0; k < n; ++k)
+            if ((r = progress.step()) != ST_OK) return r;
+    }
+    return ST_OK;
+}
+
+// Half turn of `src` into the result of `rep`, which it builds.
+int32_t turn_half(BitmapHandle& src, rows::Replacement& rep) {
+    int32_t r = rep.build_like(src, src.Width, src.Height, src.BitsPerPixel);
+    if (r != ST_OK) return r;
+    BitmapHandle& dst = rep.result();
+    const uint32_t h = static_cast<uint32_t>(src.Height);
+    const uint32_t bpl = src.BytesPerLine;
+    rows::RowStream in(src);
+    rows::RowStream out(dst);
+    Progress progress(h);
+    if ((r = progress.start()) != ST_OK) return r;
+    for (uint32_t i = 0; i < h; ++i) {
+        const uint8_t* p = in.read(h - 1 - i);
+        if (!p) return in.status();
+        uint8_t* q = out.write(i);
+        if (!q) return out.status();
+        std::memcpy(q, p, bpl);
+        mirror_row(p, q, static_cast<uint32_t>(src.Width), src.BitsPerPixel);
+        if ((r = out.commit()) != ST_OK) return r;
+        if ((r = progress.step()) != ST_OK) return r;
+    }
+    return ST_OK;
+}
+
+int32_t rotate_quarter(BitmapHandle& b, bool clockwise) {
+    const bool cw = clockwise != mirrored_perspective(b.ViewPerspective);
+    const int32_t old_w = b.Width, old_h = b.Height;
+    rows::Replacement rep;
+    int32_t r = turn_quarter(b, cw, rep);
+    if (r != ST_OK) return r;
+    r = region::rotated(&rep.result(), old_w, old_h, clockwise ? 9000 : -9000);
+    if (r != ST_OK) return r;
+    rep.commit(b);
+    return ST_OK;
+}
+
+int32_t rotate_half(BitmapHandle& b) {
+    rows::Replacement rep;
+    int32_t r = turn_half(b, rep);
+    if (r != ST_OK) return r;
+    r = region::rotated(&rep.result(), b.Width, b.Height, 18000);
+    if (r != ST_OK) return r;
+    rep.commit(b);
+    return ST_OK;
+}
+
+// Checks of the buffer turns; *bytes_src / *bytes_dst are the row lengths.
+int32_t check_buffer(const void* src, const void* dst, int32_t width, int32_t height, int32_t bpp, uint32_t* src_bpl,
+                     uint32_t* dst_bpl) {
+    if (!src || !dst || width < 0 || height < 0) return ST_BAD_PARAM;
+    if (!valid_depth(bpp)) return ST_BAD_BPP;
+    const ImageSize s = image_size(width, height, bpp);
+    if (s.status != ST_OK) return s.status;
+    const ImageSize d = image_size(height, width, bpp);
+    if (d.status != ST_OK) return d.status;
+    *src_bpl = s.bytes_per_line;
+    *dst_bpl = d.bytes_per_line;
+    return ST_OK;
+}
+
+}  // namespace
+
+void set_stream_band_for_testing(uint64_t bytes) { g_stream_band = bytes ? bytes : kStreamBand; }
+
+}  // namespace zk::rotate
+
+using namespace zk;
+using namespace zk::rotate;
+
+extern "C" {
+
+Z_EXPORT int32_t Z_API Z_RotateBitmap90(BitmapHandle* bitmap, int32_t clockwise) {
+    const int32_t r = check_bitmap(bitmap);
+    if (r != ST_OK) return r;
+    return rotate_quarter(*bitmap, clockwise != 0);
+}
+
+Z_EXPORT int32_t Z_API Z_RotateBitmap(BitmapHandle* bitmap, int32_t angle, uint32_t flags, uint32_t fillColor) {
+    (void)fillColor;  // right angles leave no uncovered area
+    const int32_t r = check_bitmap(bitmap);
+    if (r != ST_OK) return r;
+    int64_t a = int64_t{angle} % 36000;
+    if (a < 0) a += 36000;
+    if (a % 9000 != 0) return ST_BAD_PARAM;
+    if (a == 0) return ST_OK;
+    if (a == 18000) return rotate_half(*bitmap);
+    if (!(flags & ROTATE_RESIZE) && bitmap->Width != bitmap->Height) return ST_BAD_PARAM;
+    return rotate_quarter(*bitmap, a == 9000);
+}
+
+Z_EXPORT int32_t Z_API Z_RotateBuffer90(const uint8_t* src, uint8_t* dst, int32_t clockwise, int32_t width,
+                                        int32_t height, int32_t bitsPerPixel) {
+    uint32_t src_bpl = 0, dst_bpl = 0;
+    const int32_t r = check_buffer(src, dst, width, height, bitsPerPixel, &src_bpl, &dst_bpl);
+    if (r != ST_OK) return r;
+    if (width == 0 || height == 0) return ST_OK;
+    const uint32_t w = static_cast<uint32_t>(width), h = static_cast<uint32_t>(height);
+    const bool cw = clockwise != 0;
+    uint32_t band = memory_band(src_bpl, bitsPerPixel);
+    if (band > h) band = (h + 7) & ~7u;
+    BandTurn turn(bitsPerPixel, w, band);
+    Buffer rows_buf, ptrs_buf;
+    if (turn.init() != ST_OK || !ptrs_buf.alloc(uint64_t{band} * sizeof(const uint8_t*), false)) return ST_NO_MEMORY;
+    if (!cw && !rows_buf.alloc(uint64_t{band} * src_bpl, true)) return ST_NO_MEMORY;
+    const uint8_t** rowp = ptrs_buf.as<const uint8_t*>();
+    for (uint32_t c0 = 0; c0 < h; c0 += band) {
+        const uint32_t n = h - c0 < band ? h - c0 : band;
+        for (uint32_t k = 0; k < n; ++k) {
+            if (cw) {
+                rowp[k] = src + size_t{h - 1 - (c0 + k)} * src_bpl;
+            } else {
+                uint8_t* q = rows_buf.as<uint8_t>() + size_t{k} * src_bpl;
+                mirror_row(src + size_t{c0 + k} * src_bpl, q, w, bitsPerPixel);
+                rowp[k] = q;
+            }
+        }
+        DirectSink sink{dst, nullptr, nullptr, dst_bpl, strip_of(bitsPerPixel, c0, n)};
+        turn.run(rowp, n, sink);
+    }
+    return ST_OK;
+}
+
+Z_EXPORT int32_t Z_API Z_RotateBuffer180(const uint8_t* src, uint8_t* dst, int32_t width, int32_t height,
+                                         int32_t bitsPerPixel) {
+    uint32_t bpl = 0, unused = 0;
+    const int32_t r = check_buffer(src, dst, width, height, bitsPerPixel, &bpl, &unused);
+    if (r != ST_OK) return r;
+    if (width == 0 || height == 0) return ST_OK;
+    const uint32_t w = static_cast<uint32_t>(width), h = static_cast<uint32_t>(height);
+    if (src != dst) {
+        for (uint32_t i = 0; i < h; ++i) {
+            const uint8_t* p = src + size_t{i} * bpl;
+            uint8_t* q = dst + size_t{h - 1 - i} * bpl;
+            std::memcpy(q, p, bpl);
+            mirror_row(p, q, w, bitsPerPixel);
+        }
+        return ST_OK;
+    }
+    // In place: rows i and h-1-i change places, each reversed; the middle
+    // row of an odd height is reversed through the kept row too.
+    Buffer keep;
+    if (!keep.alloc(bpl, false)) return ST_NO_MEMORY;
+    uint8_t* t = keep.as<uint8_t>();
+    for (uint32_t i = 0, j = h - 1; i <= j; ++i, --j) {
+        uint8_t* top = dst + size_t{i} * bpl;
+        uint8_t* bottom = dst + size_t{j} * bpl;
+        std::memcpy(t, top, bpl);
+        if (i != j) {
+            std::memcpy(top, bottom, bpl);
+            mirror_row(bottom, top, w, bitsPerPixel);
+            std::memcpy(bottom, t, bpl);
+        }
+        mirror_row(t, bottom, w, bitsPerPixel);
+        if (j == 0) break;
+    }
+    return ST_OK;
+}
+
+}  // extern "C"

@@ -1,0 +1,46 @@
+// Right-angle turns: the pixel reversal of one row and the band transpose
+// that the buffer and bitmap turns share.
+//
+// A quarter turn is done in bands of destination columns: a band holds the
+// source rows that become columns c0 .. c0+n-1 of the destination (c0 a
+// multiple of 8, so that every strip starts on a byte at every depth), and
+// each destination row receives the strip of n pixels of those columns. Band
+// row k feeds destination column c0 + k; destination row d takes pixel d of
+// every band row (a counter-clockwise turn first reverses the band rows).
+//
+// Rows are packed as everywhere in the library: depths below 8 from the most
+// significant bit of each byte, 12-bit pixels as little-endian 12-bit fields
+// (two pixels in three bytes), deeper pixels as 1, 2, 3, 4, 6 or 8 bytes.
+//
+// May include: include/zkernel.h, core/bitmap_handle.h.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace zk::rotate {
+
+// Writes the `width` pixels of src to dst in reverse order (dst pixel j is
+// src pixel width-1-j). Bits of dst outside the pixels keep their values.
+// src and dst must not overlap.
+void mirror_row(const uint8_t* src, uint8_t* dst, uint32_t width, int32_t bpp);
+
+// Destination rows d0 .. d0+g-1 (g <= 8, d0 a multiple of 8): out[a] is
+// where the strip of row d0+a starts; strip pixel k becomes pixel d0+a of
+// band row k, for k < n. The band rows lie `stride` bytes apart from
+// `band`, and reads may run up to 8 bytes past the last one's pixels. Bits
+// after the last strip pixel in its byte are cleared at 1 and 4 bits per
+// pixel and kept at other depths.
+void transpose_strip(int32_t bpp, const uint8_t* band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
+                     uint8_t* const* out);
+
+// Rows a band may hold: a multiple of 8, at least 8, with band rows of
+// `row_bytes` bytes taking about `budget` bytes and strips of at most
+// `max_strip_bits` bits (0: no limit).
+uint32_t band_rows(uint64_t row_bytes, int32_t bpp, uint64_t budget, uint64_t max_strip_bits);
+
+// Test only: the band memory of turns that involve tiled or disk storage
+// (0 restores the default), so that small images take many bands.
+void set_stream_band_for_testing(uint64_t bytes);
+
+}  // namespace zk::rotate

@@ -1,0 +1,263 @@
+// Row reversal and band transposes for right-angle turns.
+#include <bit>
+#include <cstring>
+#include <initializer_list>
+
+#include "bitmap_handle.h"
+#include "geometry/rotate.h"
+
+namespace zk::rotate {
+namespace {
+
+// Pixel value of column x at a depth below 8 bits, or at 12 bits.
+inline uint32_t get_bits(const uint8_t* row, uint32_t x, int32_t bpp) {
+    if (bpp == 12) {
+        const uint8_t* p = row + size_t{x >> 1} * 3;
+        return (x & 1) ? (uint32_t{p[1]} >> 4) | (uint32_t{p[2]} << 4) : uint32_t{p[0]} | ((uint32_t{p[1]} & 15u) << 8);
+    }
+    const uint64_t bit = uint64_t{x} * static_cast<uint32_t>(bpp);
+    const uint8_t* p = row + (bit >> 3);
+    const uint32_t shift = static_cast<uint32_t>(bit & 7);
+    uint32_t window = uint32_t{p[0]} << 8;
+    if (shift + static_cast<uint32_t>(bpp) > 8) window |= p[1];
+    return (window >> (16 - shift - static_cast<uint32_t>(bpp))) & ((1u << bpp) - 1);
+}
+
+// Stores v as pixel x, keeping every other bit of the row.
+inline void put_bits(uint8_t* row, uint32_t x, int32_t bpp, uint32_t v) {
+    if (bpp == 12) {
+        uint8_t* p = row + size_t{x >> 1} * 3;
+        if (x & 1) {
+            p[1] = static_cast<uint8_t>((p[1] & 0x0F) | ((v & 15u) << 4));
+            p[2] = static_cast<uint8_t>(v >> 4);
+        } else {
+            p[0] = static_cast<uint8_t>(v);
+            p[1] = static_cast<uint8_t>((p[1] & 0xF0) | ((v >> 8) & 15u));
+        }
+        return;
+    }
+    const uint64_t bit = uint64_t{x} * static_cast<uint32_t>(bpp);
+    uint8_t* p = row + (bit >> 3);
+    const uint32_t shift = 16 - static_cast<uint32_t>(bit & 7) - static_cast<uint32_t>(bpp);
+    const uint32_t mask = ((1u << bpp) - 1) << shift;
+    const uint32_t val = (v << shift) & mask;
+    p[0] = static_cast<uint8_t>((p[0] & ~(mask >> 8)) | (val >> 8));
+    if (mask & 0xFF) p[1] = static_cast<uint8_t>((p[1] & ~mask) | val);
+}
+
+constexpr uint64_t byteswap64(uint64_t v) {
+    v = (v & 0x00FF00FF00FF00FFull) << 8 | ((v >> 8) & 0x00FF00FF00FF00FFull);
+    v = (v & 0x0000FFFF0000FFFFull) << 16 | ((v >> 16) & 0x0000FFFF0000FFFFull);
+    return v << 32 | v >> 32;
+}
+
+constexpr uint8_t reverse_bits(uint8_t b) {
+    b = static_cast<uint8_t>((b & 0xF0) >> 4 | (b & 0x0F) << 4);
+    b = static_cast<uint8_t>((b & 0xCC) >> 2 | (b & 0x33) << 2);
+    return static_cast<uint8_t>((b & 0xAA) >> 1 | (b & 0x55) << 1);
+}
+
+struct ReverseTable {
+    uint8_t v[256];
+    constexpr ReverseTable() : v() {
+        for (int i = 0; i < 256; ++i) v[i] = reverse_bits(static_cast<uint8_t>(i));
+    }
+};
+constexpr ReverseTable kReverse;
+
+void mirror_row1(const uint8_t* src, uint8_t* dst, uint32_t width) {
+    const uint32_t bytes = (width + 7) / 8;
+    const uint32_t p = (8 - width % 8) % 8;  // unused bits at the end of the span
+    for (uint32_t i = 0; i + 1 < bytes; ++i) {
+        const uint32_t hi = kReverse.v[src[bytes - 1 - i]];
+        const uint32_t lo = kReverse.v[src[bytes - 2 - i]];
+        dst[i] = static_cast<uint8_t>(p ? (hi << p) | (lo >> (8 - p)) : hi);
+    }
+    const uint8_t last = static_cast<uint8_t>(kReverse.v[src[0]] << p);
+    const uint8_t keep = static_cast<uint8_t>(0xFFu >> (8 - p) & 0xFFu);  // the p low bits
+    dst[bytes - 1] = static_cast<uint8_t>((last & ~keep) | (dst[bytes - 1] & keep));
+}
+
+void mirror_bytes(const uint8_t* src, uint8_t* dst, uint32_t width) {
+    uint32_t j = 0;
+    for (; j + 8 <= width; j += 8) {
+        uint64_t v;
+        std::memcpy(&v, src + (width - j - 8), 8);
+        v = byteswap64(v);
+        std::memcpy(dst + j, &v, 8);
+    }
+    for (; j < width; ++j) dst[j] = src[width - 1 - j];
+}
+
+template <size_t E>
+void mirror_units(const uint8_t* src, uint8_t* dst, uint32_t width) {
+    const uint8_t* s = src + size_t{width} * E;
+    for (uint32_t j = 0; j < width; ++j) {
+        s -= E;
+        std::memcpy(dst + size_t{j} * E, s, E);
+    }
+}
+
+inline uint64_t load_le64(const uint8_t* p) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    if constexpr (std::endian::native == std::endian::big) v = byteswap64(v);
+    return v;
+}
+
+inline void store_le64(uint8_t* p, uint64_t v) {
+    if constexpr (std::endian::native == std::endian::big) v = byteswap64(v);
+    std::memcpy(p, &v, 8);
+}
+
+// Exchanges the `bits`-wide fields of words a and b that lie across the
+// diagonal: one step of a transpose by block swaps.
+inline void swap_blocks(uint64_t& a, uint64_t& b, unsigned bits, uint64_t mask) {
+    const uint64_t t = ((a >> bits) ^ b) & mask;
+    b ^= t;
+    a ^= t << bits;
+}
+
+// 8 x 8 bytes: r[b] holds bytes (b, 0..7) little-endian; afterwards r[a]
+// holds bytes (0..7, a).
+inline void transpose8x8_bytes(uint64_t r[8]) {
+    for (int b = 0; b < 8; b += 2) swap_blocks(r[b], r[b + 1], 8, 0x00FF00FF00FF00FFull);
+    for (int b : {0, 1, 4, 5}) swap_blocks(r[b], r[b + 2], 16, 0x0000FFFF0000FFFFull);
+    for (int b = 0; b < 4; ++b) swap_blocks(r[b], r[b + 4], 32, 0x00000000FFFFFFFFull);
+}
+
+// 8 x 8 bits, row i in byte 7-i of x (row 0 the top byte), column 0 the most
+// significant bit of each byte: returns the transposed matrix in the same
+// layout.
+inline uint64_t transpose8x8_bits(uint64_t x) {
+    uint64_t t = (x ^ (x >> 7)) & 0x00AA00AA00AA00AAull;
+    x ^= t ^ (t << 7);
+    t = (x ^ (x >> 14)) & 0x0000CCCC0000CCCCull;
+    x ^= t ^ (t << 14);
+    t = (x ^ (x >> 28)) & 0x00000000F0F0F0F0ull;
+    x ^= t ^ (t << 28);
+    return x;
+}
+
+// The band is n rows of `stride` bytes from `band`; reads may run up to 8
+// bytes past a row's pixels (the band block has that slack).
+void transpose1(const uint8_t* __restrict band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
+                uint8_t* const* out) {
+    const uint8_t* col = band + (d0 >> 3);
+    uint8_t* o[8];
+    for (uint32_t a = 0; a < g; ++a) o[a] = out[a];
+    uint32_t k = 0;
+    // 64 band rows at a time: eight 8 x 8 transposes give 8 bytes of each
+    // destination row, stored as one word.
+    for (; k + 64 <= n; k += 64) {
+        // tile t gives byte t of each row's word: byte a (from the top) of
+        // x[t] belongs to destination row a, so the words are the byte
+        // transpose of the eight results.
+        uint64_t x[8];
+        for (uint32_t t = 0; t < 8; ++t) {
+            const uint8_t* p = col + (k + 8 * t) * stride;
+            uint64_t v = 0;
+            for (uint32_t b = 0; b < 8; ++b) v = v << 8 | p[b * stride];
+            x[t] = transpose8x8_bits(v);
+        }
+        transpose8x8_bytes(x);
+        for (uint32_t a = 0; a < g; ++a) store_le64(o[a] + (k >> 3), x[7 - a]);
+    }
+    for (; k < n; k += 8) {
+        const uint32_t m = n - k < 8 ? n - k : 8;
+        const uint8_t* p = col + k * stride;
+        uint64_t x = 0;
+        for (uint32_t b = 0; b < m; ++b) x |= uint64_t{p[b * stride]} << (56 - 8 * b);
+        x = transpose8x8_bits(x);
+        for (uint32_t a = 0; a < g; ++a) o[a][k >> 3] = static_cast<uint8_t>(x >> (56 - 8 * a));
+    }
+}
+
+void transpose8(const uint8_t* __restrict band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
+                uint8_t* const* out) {
+    uint8_t* o[8];
+    for (uint32_t a = 0; a < g; ++a) o[a] = out[a];
+    uint32_t k = 0;
+    if (g == 8) {
+        for (; k + 8 <= n; k += 8) {
+            const uint8_t* p = band + k * stride + d0;
+            uint64_t r[8];
+            for (uint32_t b = 0; b < 8; ++b) r[b] = load_le64(p + b * stride);
+            transpose8x8_bytes(r);
+            for (int a = 0; a < 8; ++a) store_le64(o[a] + k, r[a]);
+        }
+    }
+    for (; k < n; ++k)
+        for (uint32_t a = 0; a < g; ++a) o[a][k] = band[k * stride + d0 + a];
+}
+
+template <size_t E>
+void transpose_units(const uint8_t* __restrict band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
+                     uint8_t* const* out) {
+    // Whole words where a unit is 3 or 6 bytes: each store spills into the
+    // next unit's place, which the next store overwrites; the last unit of
+    // a strip is stored exactly.
+    constexpr size_t W = E == 3 ? 4 : E == 6 ? 8 : E;
+    for (uint32_t a = 0; a < g; ++a) {
+        uint8_t* __restrict o = out[a];
+        const uint8_t* p = band + size_t{d0 + a} * E;
+        uint32_t k = 0;
+        if constexpr (W != E) {
+            for (; k + 1 < n; ++k) std::memcpy(o + size_t{k} * E, p + k * stride, W);
+        }
+        for (; k < n; ++k) std::memcpy(o + size_t{k} * E, p + k * stride, E);
+    }
+}
+
+void transpose_bits(int32_t bpp, const uint8_t* band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
+                    uint8_t* const* out) {
+    for (uint32_t a = 0; a < g; ++a)
+        for (uint32_t k = 0; k < n; ++k) put_bits(out[a], k, bpp, get_bits(band + k * stride, d0 + a, bpp));
+    if (bpp == 4 && (n & 1))
+        for (uint32_t a = 0; a < g; ++a) out[a][n >> 1] &= 0xF0;
+}
+
+}  // namespace
+
+void mirror_row(const uint8_t* src, uint8_t* dst, uint32_t width, int32_t bpp) {
+    if (width == 0) return;
+    switch (bpp) {
+        case 1: mirror_row1(src, dst, width); return;
+        case 8: mirror_bytes(src, dst, width); return;
+        case 16: mirror_units<2>(src, dst, width); return;
+        case 24: mirror_units<3>(src, dst, width); return;
+        case 32: mirror_units<4>(src, dst, width); return;
+        case 48: mirror_units<6>(src, dst, width); return;
+        case 64: mirror_units<8>(src, dst, width); return;
+        default:
+            for (uint32_t j = 0; j < width; ++j) put_bits(dst, j, bpp, get_bits(src, width - 1 - j, bpp));
+            return;
+    }
+}
+
+void transpose_strip(int32_t bpp, const uint8_t* band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
+                     uint8_t* const* out) {
+    switch (bpp) {
+        case 1: transpose1(band, stride, n, d0, g, out); return;
+        case 8: transpose8(band, stride, n, d0, g, out); return;
+        case 16: transpose_units<2>(band, stride, n, d0, g, out); return;
+        case 24: transpose_units<3>(band, stride, n, d0, g, out); return;
+        case 32: transpose_units<4>(band, stride, n, d0, g, out); return;
+        case 48: transpose_units<6>(band, stride, n, d0, g, out); return;
+        case 64: transpose_units<8>(band, stride, n, d0, g, out); return;
+        default: transpose_bits(bpp, band, stride, n, d0, g, out); return;
+    }
+}
+
+uint32_t band_rows(uint64_t row_bytes, int32_t bpp, uint64_t budget, uint64_t max_strip_bits) {
+    uint64_t rows = row_bytes ? budget / row_bytes : budget;
+    if (max_strip_bits) {
+        const uint64_t by_strip = max_strip_bits / static_cast<uint32_t>(bpp);
+        if (by_strip < rows) rows = by_strip;
+    }
+    if (rows > (uint64_t{1} << 30)) rows = uint64_t{1} << 30;
+    rows &= ~uint64_t{7};
+    return rows < 8 ? 8 : static_cast<uint32_t>(rows);
+}
+
+}  // namespace zk::rotate
