@@ -71,8 +71,8 @@ public:
             int32_t r = step(k);
             if (r == ST_OK && progress) r = progress->step();
             if (r != ST_OK) {
-                // Steps 0 .. k-1 are done; step k is done only when it was
-                // the callback that stopped the work.
+                // Row exchanges before k are done; exchange k is done only
+                // when it was the callback that stopped the work.
                 undo(step_done_ ? k + 1 : k);
                 return r;
             }

@@ -58,6 +58,9 @@ int32_t transfer(BitmapHandle* b, uint8_t* buffer, uint32_t row, uint32_t column
         seek_row(*b, row);
         return ST_NO_MEMORY;
     }
+    // A row whose offset does not fit size_t (32-bit targets) lies outside
+    // every bitmap; it must not wrap onto a row that exists.
+    if (uint64_t{b->BytesPerLine} * row > SIZE_MAX) return ST_BAD_PARAM;
     const uint64_t offset = uint64_t{row_offset(*b, *ops, row)} + zk::column_offset(b->BitsPerPixel, column);
     if (offset > SIZE_MAX) return ST_BAD_PARAM;
     const int64_t moved = put ? ops->store(*b, static_cast<size_t>(offset), buffer, bytes)
@@ -124,6 +127,7 @@ int32_t put_segments(BitmapHandle* b, const uint8_t* buffer, uint32_t row, uint3
         seek_row(*b, row);
         return ST_NO_MEMORY;
     }
+    if (uint64_t{b->BytesPerLine} * row > SIZE_MAX) return ST_BAD_PARAM;
     const size_t row_start = row_offset(*b, *ops, row);
     const uint64_t bpp = b->BitsPerPixel > 0 ? static_cast<uint64_t>(b->BitsPerPixel) : 8;
     const uint64_t row_bits = uint64_t{b->BytesPerLine} * 8;

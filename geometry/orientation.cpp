@@ -1,7 +1,7 @@
 // View-perspective values: the view-only flip, mirror and turn, the change
 // parameters, converting pixel data between perspectives, and mapping points
 // and rectangles between stored and displayed coordinates.
-#include "perspective.h"
+#include "orientation.h"
 
 #include "bitmap_handle.h"
 #include "flip.h"
