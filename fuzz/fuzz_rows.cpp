@@ -1,14 +1,17 @@
 // Drives row access with arbitrary rows, columns, byte counts and segment
-// lists on small bitmaps held conventionally and in memory tiles. Every call
-// must return a status or the bytes it moved without reaching outside the
-// bitmap or the caller's buffer (AddressSanitizer), and a whole row written
-// in range must read back as written.
+// lists on small bitmaps held conventionally, in memory tiles, in tiles on
+// disk and in a disk file. Every call must return a status or the bytes it
+// moved without reaching outside the bitmap or the caller's buffer
+// (AddressSanitizer), and a whole row written in range must read back as
+// written. Temporary files go to a private directory, which must be empty
+// (and no descriptor may refer to it) once the bitmap is freed.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <vector>
 
 #include "fuzz_input.h"
+#include "fuzz_storage.h"
 #include "zkernel.h"
 
 namespace {
@@ -25,18 +28,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int32_t bpp = kDepths[in.take(1) % 14];
     const int32_t width = static_cast<int32_t>(in.take(1) % 70) + 1;
     const int32_t height = static_cast<int32_t>(in.take(1) % 40) + 1;
-    const bool tiled = in.take(1) & 1;
-
-    // Tiles of a few rows, all in memory, when asked for.
-    int32_t reserve, max_conv, tile_size, max_mem, views;
-    Z_GetMemoryThresholds(&reserve, &max_conv, &tile_size, &max_mem, &views);
-    Z_SetMemoryThresholds(0, 0x7FFFFFFF, 64, -100, 1, 0x1F);
+    const uint32_t kind = in.take(1) % 4;  // conventional, memory tiles, disk tiles, disk
+    zkfuzz::PrivateTempDir& temp = zkfuzz::PrivateTempDir::get();
 
     BitmapHandle b;
     check(Z_InitBitmap(&b, Z_BITMAPHANDLE_SIZE, width, height, bpp) == ST_OK);
-    const int32_t r = Z_AllocateBitmap(&b, tiled ? TYPE_TILED : TYPE_CONV);
+
+    // Tiles when asked for: of 64 bytes (a row or a few), all in memory; or
+    // about four, all on disk with one mapped at a time (each disk tile is a
+    // file, and files are slow to make).
+    int32_t reserve, max_conv, tile_size, max_mem, views;
+    Z_GetMemoryThresholds(&reserve, &max_conv, &tile_size, &max_mem, &views);
+    const auto disk_tile = static_cast<int32_t>(b.Size / 4 > 64 ? b.Size / 4 : 64);
+    Z_SetMemoryThresholds(0, 0x7FFFFFFF, kind == 2 ? disk_tile : 64, kind == 2 ? 0 : -100, 1, 0x1F);
+    const uint32_t type = kind == 0 ? TYPE_CONV : kind == 3 ? TYPE_DISK : TYPE_TILED;
+    const int32_t r = Z_AllocateBitmap(&b, type);
     Z_SetMemoryThresholds(reserve, max_conv, tile_size, max_mem, views, 0x1F);
-    if (r != ST_OK) return 0;
+    check(r == ST_OK);
+    if (kind == 3) check((b.Flags & BF_DISK) && !(b.Flags & BF_MEMORY));
 
     const uint32_t line = b.BytesPerLine;
     std::vector<uint8_t> row(line), back(line);
@@ -75,5 +84,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         check(got < 0 || (op == 4 || static_cast<uint32_t>(got) == bytes));
     }
     Z_FreeBitmap(&b);
+    temp.check_clean();
     return 0;
 }

@@ -135,6 +135,11 @@ int32_t put_segments(BitmapHandle* b, const uint8_t* buffer, uint32_t row, uint3
         uint8_t* p = nullptr;
         ~Scratch() { Z_Free(p); }
     } scratch;
+    // Every segment is checked before the first is written, so that a refused
+    // call leaves the row as it was.
+    for (uint32_t i = 0; i + 1 < count; i += 2)
+        if (segments[i + 1] > segments[i] && (x_offset + uint64_t{segments[i + 1]}) * bpp > row_bits)
+            return ST_BAD_PARAM;
     uint64_t total = 0;
     for (uint32_t i = 0; i + 1 < count; i += 2) {
         const uint64_t start = segments[i];

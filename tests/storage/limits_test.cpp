@@ -154,6 +154,12 @@ TEST(Limits, RowsOutsideTheBitmapAreRefusedInEveryKind) {
             EXPECT_EQ(Z_PutBitmapRowCol(&b, row.data(), a.row, a.column, a.bytes), ST_BAD_PARAM);
             EXPECT_EQ(Z_GetBitmapRowCol(&b, row.data(), a.row, a.column, a.bytes), ST_BAD_PARAM);
         }
+        // A segment list with one segment past the row writes none of them.
+        const uint32_t segments[] = {0, 4, 30, 38};
+        EXPECT_EQ(Z_PutBitmapRowSegments(&b, row.data(), 3, 0, segments, 4), ST_BAD_PARAM);
+        std::vector<uint8_t> kept(bpl, 0xFF);
+        EXPECT_EQ(Z_GetBitmapRow(&b, kept.data(), 3, bpl), static_cast<int32_t>(bpl));
+        EXPECT_EQ(kept, std::vector<uint8_t>(bpl, 0));
         EXPECT_EQ(Z_PutBitmapRow(&b, row.data(), 8, bpl), static_cast<int32_t>(bpl));
         if (kind == Kind::Disk) {
             EXPECT_EQ(disk_length(b), static_cast<int64_t>(b.Size) + 1);
