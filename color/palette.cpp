@@ -4,20 +4,7 @@
 #include <cstring>
 #include <new>
 
-#include "core/platform/cpu.h"
-#if ZK_X86_TIERS
-// Some intrinsics start from a deliberately undefined register, which g++ 12
-// reports as an uninitialised use inside the header.
-#if !defined(__clang__)
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#endif
-#include <immintrin.h>
-#if !defined(__clang__)
-#pragma GCC diagnostic pop
-#endif
-#endif
+#include "core/platform/x86_intrinsics.h"
 
 #include "bitmap_handle.h"
 #include "color/palette.h"

@@ -7,19 +7,7 @@
 #include <cstring>
 
 #include "bitmap_handle.h"
-#include "core/platform/cpu.h"
-
-#if ZK_X86_TIERS
-#if !defined(__clang__)
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#pragma GCC diagnostic ignored "-Wuninitialized"
-#endif
-#include <immintrin.h>
-#if !defined(__clang__)
-#pragma GCC diagnostic pop
-#endif
-#endif
+#include "core/platform/x86_intrinsics.h"
 
 namespace zk::geometry {
 namespace {
