@@ -1,5 +1,6 @@
 // Row conversion: the front end that checks a request and plans it, the
-// per-depth fetch and store pieces of the general path, and the exports.
+// general path over the per-depth pieces of pivot.h, the fast-path table,
+// the two-buffer form and the exports.
 #include "color/convert.h"
 
 #include <algorithm>
@@ -7,41 +8,15 @@
 #include <iterator>
 
 #include "color/palette.h"
+#include "core/platform/x86_intrinsics.h"
 
 namespace zk {
 namespace {
 
 constexpr uint32_t kChunk = 64;
 
-bool valid_depth(int64_t d) {
-    return (d >= 0 && d <= 8) || d == 12 || d == 16 || d == 24 || d == 32 || d == 48 || d == 64;
-}
-bool valid_order(int64_t o) { return o == CO_RGB || o == CO_BGR || o == CO_GRAY || o == CO_ALT_BGR; }
-constexpr uint32_t pixel_bits(int32_t depth) { return depth == 0 ? 8u : static_cast<uint32_t>(depth); }
-constexpr bool palettized(int32_t depth) { return depth >= 1 && depth <= 8; }
-
-// Orders each depth takes, as source and as destination. Depth 0 and the
-// palettized depths carry no colour order of their own.
-bool order_allowed(int32_t depth, int64_t order) {
-    if (!valid_order(order)) return false;
-    switch (depth) {
-        case 12: return order == CO_GRAY;
-        case 16: return order != CO_ALT_BGR;
-        case 24:
-        case 48: return order != CO_GRAY;
-        case 32:
-        case 64: return order == CO_RGB || order == CO_BGR;
-        default: return true;
-    }
-}
-
-// Rescales an unsigned sample of `from` bits to `to` bits: narrowing keeps
-// the top bits, widening is floor(v * (2^to - 1) / (2^from - 1)).
-constexpr uint32_t rescale(uint32_t v, uint32_t from, uint32_t to) {
-    if (from == to) return v;
-    if (to < from) return v >> (from - to);
-    return static_cast<uint32_t>((uint64_t{v} * ((uint64_t{1} << to) - 1)) / ((uint64_t{1} << from) - 1));
-}
+constexpr uint32_t pixel_bits(int32_t depth) { return pixel_format(depth).bits; }
+constexpr bool palettized(int32_t depth) { return pixel_format(depth).indexed; }
 
 struct BitRange {
     uint32_t shift, mask, nb;
@@ -61,307 +36,67 @@ bool bit_range(uint32_t bits, uint32_t low_bit, uint32_t high_bit, uint32_t cap,
     return true;
 }
 
-// ---------------------------------------------------------------------------
-// Packed-field access. Fields narrower than a byte are stored from the most
-// significant bit; a field may straddle two bytes (depths 3, 5, 6, 7).
-inline uint32_t read_bits(const uint8_t* row, uint64_t i, uint32_t bits) {
-    const uint64_t p = i * bits;
-    const uint8_t* q = row + (p >> 3);
-    const uint32_t off = static_cast<uint32_t>(p & 7), mask = (1u << bits) - 1;
-    if (off + bits <= 8) return (q[0] >> (8 - off - bits)) & mask;
-    const uint32_t w = (uint32_t{q[0]} << 8) | q[1];
-    return (w >> (16 - off - bits)) & mask;
-}
-
-inline void write_bits(uint8_t* row, uint64_t i, uint32_t bits, uint32_t v) {
-    const uint64_t p = i * bits;
-    uint8_t* q = row + (p >> 3);
-    const uint32_t off = static_cast<uint32_t>(p & 7), mask = (1u << bits) - 1;
-    v &= mask;
-    if (off + bits <= 8) {
-        const uint32_t s = 8 - off - bits;
-        q[0] = static_cast<uint8_t>((q[0] & ~(mask << s)) | (v << s));
-        return;
-    }
-    const uint32_t s = 16 - off - bits;
-    const uint32_t w = ((uint32_t{q[0]} << 8 | q[1]) & ~(mask << s)) | (v << s);
-    q[0] = static_cast<uint8_t>(w >> 8);
-    q[1] = static_cast<uint8_t>(w);
-}
-
-// 12-bit samples: two in three bytes, sample 2k in bits 0-11 of the word at
-// byte 3k, sample 2k+1 in bits 4-15 of the word at byte 3k+1.
-inline uint32_t read12(const uint8_t* row, uint64_t i) {
-    const uint8_t* q = row + 3 * (i >> 1) + (i & 1);
-    const uint32_t w = q[0] | uint32_t{q[1]} << 8;
-    return (i & 1) ? w >> 4 : w & 0xFFF;
-}
-
-inline void write12(uint8_t* row, uint64_t i, uint32_t v) {
-    uint8_t* q = row + 3 * (i >> 1) + (i & 1);
-    if (i & 1) {
-        q[0] = static_cast<uint8_t>((q[0] & 0x0F) | (v & 0xF) << 4);
-        q[1] = static_cast<uint8_t>(v >> 4);
-    } else {
-        q[0] = static_cast<uint8_t>(v);
-        q[1] = static_cast<uint8_t>((q[1] & 0xF0) | (v >> 8 & 0xF));
-    }
-}
-
-inline uint32_t le16(const uint8_t* p) { return p[0] | uint32_t{p[1]} << 8; }
-inline void put16(uint8_t* p, uint32_t v) {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-}
-
-inline void set_colour8(Pivot& px, uint32_t r, uint32_t g, uint32_t b) {
-    px.r = static_cast<uint16_t>(r * 257);
-    px.g = static_cast<uint16_t>(g * 257);
-    px.b = static_cast<uint16_t>(b * 257);
-}
-
-// ---------------------------------------------------------------------------
-// Fetches: n source pixels from index `first` into the pivot.
-
-using FetchFn = void (*)(const Plan&, const uint8_t*, uint64_t, uint32_t, Pivot*);
-using StoreFn = void (*)(const Plan&, uint8_t*, uint64_t, uint32_t, const Pivot*);
-
-void fetch_gray8(const Plan&, const uint8_t* row, uint64_t first, uint32_t n, Pivot* out) {
-    for (uint32_t k = 0; k < n; ++k) {
-        const uint32_t v = row[first + k];
-        set_colour8(out[k], v, v, v);
-        out[k].index = static_cast<uint16_t>(v);
-    }
-}
-
-template <uint32_t Bits>
-void fetch_indexed(const Plan& plan, const uint8_t* row, uint64_t first, uint32_t n, Pivot* out) {
-    for (uint32_t k = 0; k < n; ++k) {
-        const uint32_t i = Bits == 8 ? row[first + k] : read_bits(row, first + k, Bits);
-        const RGBQUAD& c = plan.colours[i];
-        set_colour8(out[k], c.rgbRed, c.rgbGreen, c.rgbBlue);
-        out[k].index = static_cast<uint16_t>(i);
-    }
-}
-
-// A deep gray sample restricted to its bit range, then widened to what the
-// destination consumes: the LUT colour, a 16-bit level, or an 8-bit level.
-inline void deep_gray(const Plan& plan, uint32_t sample, Pivot& px) {
-    const uint32_t v = (sample >> plan.src_shift) & plan.src_mask;
-    if (plan.lut) {
-        const RGBQUAD& c = plan.lut[v];
-        set_colour8(px, c.rgbRed, c.rgbGreen, c.rgbBlue);
-    } else if (plan.wide_gray) {
-        const auto l = static_cast<uint16_t>(rescale(v, plan.src_nb, 16));
-        px.r = px.g = px.b = l;
-        px.level = static_cast<uint16_t>(v);
-    } else {
-        const uint32_t g = rescale(v, plan.src_nb, 8);
-        set_colour8(px, g, g, g);
-    }
-}
-
-void fetch_gray12(const Plan& plan, const uint8_t* row, uint64_t first, uint32_t n, Pivot* out) {
-    for (uint32_t k = 0; k < n; ++k) deep_gray(plan, read12(row, first + k), out[k]);
-}
-
-void fetch_16(const Plan& plan, const uint8_t* row, uint64_t first, uint32_t n, Pivot* out) {
-    for (uint32_t k = 0; k < n; ++k) {
-        const uint32_t w = le16(row + 2 * (first + k));
-        if (plan.src_gray16) {
-            deep_gray(plan, w, out[k]);
-            continue;
-        }
-        const uint32_t hi = w >> 10 & 31, mid = w >> 5 & 31, lo = w & 31;
-        const uint32_t r5 = plan.src_rgb ? lo : hi, b5 = plan.src_rgb ? hi : lo;
-        set_colour8(out[k], r5 << 3 | r5 >> 2, mid << 3 | mid >> 2, b5 << 3 | b5 >> 2);
-    }
-}
-
-template <uint32_t Stride>
-void fetch_8bit_channels(const Plan& plan, const uint8_t* row, uint64_t first, uint32_t n, Pivot* out) {
-    for (uint32_t k = 0; k < n; ++k) {
-        uint8_t p[3];
-        std::memcpy(p, row + Stride * (first + k), 3);
-        if (plan.src_alt) alt_to_bgr(p);
-        if (plan.src_rgb)
-            set_colour8(out[k], p[0], p[1], p[2]);
-        else
-            set_colour8(out[k], p[2], p[1], p[0]);
-    }
-}
-
-template <uint32_t Stride>
-void fetch_16bit_channels(const Plan& plan, const uint8_t* row, uint64_t first, uint32_t n, Pivot* out) {
-    for (uint32_t k = 0; k < n; ++k) {
-        const uint8_t* q = row + Stride * (first + k);
-        uint32_t c0 = le16(q), c1 = le16(q + 2), c2 = le16(q + 4);
-        if (plan.src_alt) {
-            // The second colour space is defined on 8-bit channels: the high
-            // bytes are turned back and widened again.
-            uint8_t p[3] = {static_cast<uint8_t>(c0 >> 8), static_cast<uint8_t>(c1 >> 8),
-                            static_cast<uint8_t>(c2 >> 8)};
-            alt_to_bgr(p);
-            c0 = p[0] * 257u;
-            c1 = p[1] * 257u;
-            c2 = p[2] * 257u;
-        }
-        out[k].r = static_cast<uint16_t>(plan.src_rgb ? c0 : c2);
-        out[k].g = static_cast<uint16_t>(c1);
-        out[k].b = static_cast<uint16_t>(plan.src_rgb ? c2 : c0);
-    }
-}
-
-FetchFn fetch_for(int32_t depth) {
-    switch (depth) {
-        case 0: return fetch_gray8;
-        case 1: return fetch_indexed<1>;
-        case 2: return fetch_indexed<2>;
-        case 3: return fetch_indexed<3>;
-        case 4: return fetch_indexed<4>;
-        case 5: return fetch_indexed<5>;
-        case 6: return fetch_indexed<6>;
-        case 7: return fetch_indexed<7>;
-        case 8: return fetch_indexed<8>;
-        case 12: return fetch_gray12;
-        case 16: return fetch_16;
-        case 24: return fetch_8bit_channels<3>;
-        case 32: return fetch_8bit_channels<4>;
-        case 48: return fetch_16bit_channels<6>;
-        default: return fetch_16bit_channels<8>;
-    }
-}
-
-// ---------------------------------------------------------------------------
-// Stores: n pivot pixels to destination pixels from index `first`.
-
-void store_gray8(const Plan&, uint8_t* row, uint64_t first, uint32_t n, const Pivot* in) {
-    for (uint32_t k = 0; k < n; ++k)
-        row[first + k] = static_cast<uint8_t>(gray8(in[k].r >> 8, in[k].g >> 8, in[k].b >> 8));
-}
-
-template <uint32_t Bits>
-void store_indexed(const Plan& plan, uint8_t* row, uint64_t first, uint32_t n, const Pivot* in) {
-    for (uint32_t k = 0; k < n; ++k) {
-        const uint32_t i =
-            plan.use_map ? plan.map[in[k].index] : plan.memo->find(plan, in[k].r >> 8, in[k].g >> 8, in[k].b >> 8);
-        if (Bits == 8)
-            row[first + k] = static_cast<uint8_t>(i);
-        else
-            write_bits(row, first + k, Bits, i);
-    }
-}
-
-// The gray sample of a 12/16-bit gray destination, shifted into its field.
-inline uint32_t deep_gray_sample(const Plan& plan, const Pivot& px) {
-    const uint32_t v = plan.level_from_colour ? rescale(gray8(px.r >> 8, px.g >> 8, px.b >> 8), 8, plan.dst_nb)
-                                              : rescale(px.level, plan.level_bits, plan.dst_nb);
-    return v << plan.dst_shift;
-}
-
-void store_gray12(const Plan& plan, uint8_t* row, uint64_t first, uint32_t n, const Pivot* in) {
-    for (uint32_t k = 0; k < n; ++k) write12(row, first + k, deep_gray_sample(plan, in[k]) & 0xFFF);
-}
-
-void store_16(const Plan& plan, uint8_t* row, uint64_t first, uint32_t n, const Pivot* in) {
-    for (uint32_t k = 0; k < n; ++k) {
-        uint32_t w;
-        if (plan.dst_gray16) {
-            w = deep_gray_sample(plan, in[k]) & 0xFFFF;
-        } else {
-            const uint32_t r = in[k].r >> 11, g = in[k].g >> 11, b = in[k].b >> 11;
-            w = plan.dst_rgb ? (b << 10 | g << 5 | r) : (r << 10 | g << 5 | b);
-        }
-        put16(row + 2 * (first + k), w);
-    }
-}
-
-// Destination bytes 0..2 of a colour: in order, or in the second space.
-inline void colour_bytes(const Plan& plan, const Pivot& px, uint8_t* p) {
-    const auto r = static_cast<uint8_t>(px.r >> 8), g = static_cast<uint8_t>(px.g >> 8),
-               b = static_cast<uint8_t>(px.b >> 8);
-    p[1] = g;
-    if (plan.dst_rgb) {
-        p[0] = r;
-        p[2] = b;
-    } else {
-        p[0] = b;
-        p[2] = r;
-        if (plan.dst_alt) bgr_to_alt(p);
-    }
-}
-
-template <uint32_t Stride>
-void store_8bit_channels(const Plan& plan, uint8_t* row, uint64_t first, uint32_t n, const Pivot* in) {
-    for (uint32_t k = 0; k < n; ++k) {
-        uint8_t* q = row + Stride * (first + k);
-        colour_bytes(plan, in[k], q);
-        if (Stride == 4) q[3] = plan.alpha8;
-    }
-}
-
-template <uint32_t Stride>
-void store_16bit_channels(const Plan& plan, uint8_t* row, uint64_t first, uint32_t n, const Pivot* in) {
-    for (uint32_t k = 0; k < n; ++k) {
-        uint8_t* q = row + Stride * (first + k);
-        if (plan.dst_alt) {
-            uint8_t p[3];
-            colour_bytes(plan, in[k], p);
-            put16(q, p[0] * 257u);
-            put16(q + 2, p[1] * 257u);
-            put16(q + 4, p[2] * 257u);
-        } else {
-            put16(q, plan.dst_rgb ? in[k].r : in[k].b);
-            put16(q + 2, in[k].g);
-            put16(q + 4, plan.dst_rgb ? in[k].b : in[k].r);
-        }
-        if (Stride == 8) put16(q + 6, plan.alpha16);
-    }
-}
-
-StoreFn store_for(int32_t depth) {
-    switch (depth) {
-        case 0: return store_gray8;
-        case 1: return store_indexed<1>;
-        case 2: return store_indexed<2>;
-        case 3: return store_indexed<3>;
-        case 4: return store_indexed<4>;
-        case 5: return store_indexed<5>;
-        case 6: return store_indexed<6>;
-        case 7: return store_indexed<7>;
-        case 8: return store_indexed<8>;
-        case 12: return store_gray12;
-        case 16: return store_16;
-        case 24: return store_8bit_channels<3>;
-        case 32: return store_8bit_channels<4>;
-        case 48: return store_16bit_channels<6>;
-        default: return store_16bit_channels<8>;
-    }
-}
-
-void run_general(const Plan& plan, uint8_t* row) {
+// The general path from `src` to `dst`, which are the same row or rows that
+// do not overlap.
+void run_general(const Plan& plan, const uint8_t* src, uint8_t* dst) {
     const FetchFn fetch = fetch_for(plan.src_depth);
     const StoreFn store = store_for(plan.dst_depth);
     Pivot pivot[kChunk];
     // A chunk is read whole before it is written. Walking backwards when the
-    // destination pixel is larger (forwards otherwise) keeps every write
-    // behind the pixels still to be read; sub-byte and 12-bit writes keep
-    // the neighbouring bits.
+    // destination pixel is larger (forwards otherwise) keeps every write in
+    // place behind the pixels still to be read; sub-byte and 12-bit writes
+    // keep the neighbouring bits.
     if (pixel_bits(plan.dst_depth) > pixel_bits(plan.src_depth)) {
         for (uint64_t end = plan.width; end > 0;) {
             const auto n = static_cast<uint32_t>(std::min<uint64_t>(kChunk, end));
             end -= n;
-            fetch(plan, row, end, n, pivot);
-            store(plan, row, end, n, pivot);
+            fetch(plan, src, end, n, pivot);
+            store(plan, dst, end, n, pivot);
         }
     } else {
         for (uint64_t first = 0; first < plan.width;) {
             const auto n = static_cast<uint32_t>(std::min<uint64_t>(kChunk, plan.width - first));
-            fetch(plan, row, first, n, pivot);
-            store(plan, row, first, n, pivot);
+            fetch(plan, src, first, n, pivot);
+            store(plan, dst, first, n, pivot);
             first += n;
         }
     }
+}
+
+// Copies `bits` bits from the start of src to dst; the bits of dst's last
+// byte past them are kept.
+void copy_bits(const uint8_t* src, uint8_t* dst, uint64_t bits) {
+    const auto whole = static_cast<size_t>(bits >> 3);
+    std::memcpy(dst, src, whole);
+    if (const uint32_t rest = bits & 7) {
+        const auto keep = static_cast<uint8_t>(0xFFu >> rest);
+        dst[whole] = static_cast<uint8_t>((src[whole] & ~keep) | (dst[whole] & keep));
+    }
+}
+
+// Writes n bytes to dst; with `stream`, around the caches where the
+// processor has non-temporal stores (the caller fences).
+void write_out(uint8_t* dst, const uint8_t* src, size_t n, bool stream) {
+#if ZK_X86_TIERS && defined(__SSE2__)
+    if (stream && n >= 64) {
+        const size_t head = (16 - reinterpret_cast<uintptr_t>(dst) % 16) % 16;
+        std::memcpy(dst, src, head);
+        size_t i = head;
+        for (; i + 16 <= n; i += 16)
+            _mm_stream_si128(reinterpret_cast<__m128i*>(dst + i),
+                             _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i)));
+        std::memcpy(dst + i, src + i, n - i);
+        return;
+    }
+#endif
+    (void)stream;
+    std::memcpy(dst, src, n);
+}
+
+void fence_streams() {
+#if ZK_X86_TIERS && defined(__SSE2__)
+    _mm_sfence();
+#endif
 }
 
 // Palette mapping of n source entries (absent: index i is gray level i) onto
@@ -384,7 +119,7 @@ bool build_index_map(const RGBQUAD* src, uint32_t n, const RGBQUAD* dst, uint32_
 // `same` is set when the conversion leaves the buffer as it is.
 int32_t make_plan(const ConvertRequest& rq, Plan& plan, bool* same) {
     *same = false;
-    if (!rq.buffer || rq.width <= 0) return ST_BAD_PARAM;
+    if (rq.width <= 0) return ST_BAD_PARAM;
     uint32_t flags = rq.flags & ~(CVT_SRC_GRAY | CVT_DST_GRAY);
     if (rq.src_order == static_cast<int32_t>(CO_GRAY)) flags |= CVT_SRC_GRAY;
     if (rq.dst_order == CO_GRAY) flags |= CVT_DST_GRAY;
@@ -397,9 +132,9 @@ int32_t make_plan(const ConvertRequest& rq, Plan& plan, bool* same) {
     if ((flags & CVT_SRC_RANGE) && low < 1 && (high == rq.src_bits - 1 || high < 0)) flags &= ~CVT_SRC_RANGE;
     if ((flags & CVT_DST_RANGE) && low < 1 && (int64_t{high} == int64_t{rq.dst_bits} - 1 || high < 0))
         flags &= ~CVT_DST_RANGE;
-    if (!valid_depth(rq.src_bits) || !valid_depth(rq.dst_bits)) return ST_BAD_PARAM;
+    if (!convertible_depth(rq.src_bits) || !convertible_depth(rq.dst_bits)) return ST_BAD_PARAM;
     const int32_t sd = rq.src_bits, dd = static_cast<int32_t>(rq.dst_bits);
-    if (!order_allowed(sd, rq.src_order) || !order_allowed(dd, rq.dst_order)) return ST_BAD_PARAM;
+    if (!takes_order(sd, rq.src_order) || !takes_order(dd, rq.dst_order)) return ST_BAD_PARAM;
 
     plan.src_depth = sd;
     plan.dst_depth = dd;
@@ -500,29 +235,6 @@ uint8_t IndexMemo::find(const Plan& plan, uint32_t r, uint32_t g, uint32_t b) {
     return i;
 }
 
-// The general path with what only it needs: the colour of each index and
-// the colour-to-index memo (kept out of the callers' frames).
-#if defined(__GNUC__)
-__attribute__((noinline))
-#endif
-void run_general_path(Plan& plan, uint8_t* row) {
-    if (plan.src_depth <= 8) {
-        // The colour of each index: the source palette's for the indices the
-        // depth has, gray level i otherwise (and for 8-bit gray).
-        const uint32_t n = plan.src_palette ? 1u << plan.src_depth : 0;
-        for (uint32_t i = 0; i < 256; ++i) {
-            const auto v = static_cast<uint8_t>(i);
-            plan.colours[i] = i < n ? plan.src_palette[i] : RGBQUAD{v, v, v, 0};
-        }
-    }
-    IndexMemo memo;
-    if (palettized(plan.dst_depth) && !plan.use_map) {
-        memo.prepare(plan.dst_palette, plan.dst_count);
-        plan.memo = &memo;
-    }
-    run_general(plan, row);
-}
-
 // ---------------------------------------------------------------------------
 // The fast-path table.
 
@@ -536,24 +248,28 @@ using platform::CpuTier;
 // lists (it moves nothing).
 // clang-format off
 #define ZK_FAST_ROWS(T, ns)                                                                                            \
-    {F::Bgr24, F::Rgb24, T, ns::convert_bgr24_to_rgb24},   {F::Rgb24, F::Bgr24, T, ns::convert_bgr24_to_rgb24},        \
-    {F::Bgr24, F::Bgr32, T, ns::convert_bgr24_to_bgr32},   {F::Rgb24, F::Rgb32, T, ns::convert_bgr24_to_bgr32},        \
-    {F::Bgr24, F::Rgb32, T, ns::convert_bgr24_to_rgb32},   {F::Rgb24, F::Bgr32, T, ns::convert_bgr24_to_rgb32},        \
-    {F::Bgr32, F::Bgr24, T, ns::convert_bgr32_to_bgr24},   {F::Rgb32, F::Rgb24, T, ns::convert_bgr32_to_bgr24},        \
-    {F::Bgr32, F::Rgb24, T, ns::convert_bgr32_to_rgb24},   {F::Rgb32, F::Bgr24, T, ns::convert_bgr32_to_rgb24},        \
-    {F::Bgr48, F::Bgr24, T, ns::convert_bgr48_to_bgr24},   {F::Rgb48, F::Rgb24, T, ns::convert_bgr48_to_bgr24},        \
-    {F::Bgr48, F::Rgb24, T, ns::convert_bgr48_to_rgb24},   {F::Rgb48, F::Bgr24, T, ns::convert_bgr48_to_rgb24},        \
-    {F::Bgr24, F::Gray8, T, ns::convert_bgr24_to_gray8},   {F::Rgb24, F::Gray8, T, ns::convert_rgb24_to_gray8},        \
-    {F::Bgr24, F::Bgr555, T, ns::convert_bgr24_to_bgr555}, {F::Rgb24, F::Rgb555, T, ns::convert_bgr24_to_bgr555},      \
-    {F::Bgr24, F::Rgb555, T, ns::convert_bgr24_to_rgb555}, {F::Rgb24, F::Bgr555, T, ns::convert_bgr24_to_rgb555},      \
-    {F::Bgr555, F::Bgr24, T, ns::convert_bgr555_to_bgr24}, {F::Rgb555, F::Rgb24, T, ns::convert_bgr555_to_bgr24},      \
-    {F::Bgr555, F::Rgb24, T, ns::convert_bgr555_to_rgb24}, {F::Rgb555, F::Bgr24, T, ns::convert_bgr555_to_rgb24},      \
-    {F::Pal8, F::Bgr24, T, ns::convert_pal8_to_bgr24},     {F::Pal8, F::Rgb24, T, ns::convert_pal8_to_rgb24}
+    {F::Bgr24, F::Rgb24, T, ns::convert_bgr24_to_rgb24, ns::into_bgr24_to_rgb24},                                      \
+    {F::Rgb24, F::Bgr24, T, ns::convert_bgr24_to_rgb24, ns::into_bgr24_to_rgb24},                                      \
+    {F::Bgr24, F::Bgr32, T, ns::convert_bgr24_to_bgr32, ns::into_bgr24_to_bgr32},                                      \
+    {F::Rgb24, F::Rgb32, T, ns::convert_bgr24_to_bgr32, ns::into_bgr24_to_bgr32},                                      \
+    {F::Bgr24, F::Rgb32, T, ns::convert_bgr24_to_rgb32, ns::into_bgr24_to_rgb32},                                      \
+    {F::Rgb24, F::Bgr32, T, ns::convert_bgr24_to_rgb32, ns::into_bgr24_to_rgb32},                                      \
+    {F::Bgr32, F::Bgr24, T, ns::convert_bgr32_to_bgr24, nullptr},   {F::Rgb32, F::Rgb24, T, ns::convert_bgr32_to_bgr24, nullptr},  \
+    {F::Bgr32, F::Rgb24, T, ns::convert_bgr32_to_rgb24, nullptr},   {F::Rgb32, F::Bgr24, T, ns::convert_bgr32_to_rgb24, nullptr},  \
+    {F::Bgr48, F::Bgr24, T, ns::convert_bgr48_to_bgr24, nullptr},   {F::Rgb48, F::Rgb24, T, ns::convert_bgr48_to_bgr24, nullptr},  \
+    {F::Bgr48, F::Rgb24, T, ns::convert_bgr48_to_rgb24, nullptr},   {F::Rgb48, F::Bgr24, T, ns::convert_bgr48_to_rgb24, nullptr},  \
+    {F::Bgr24, F::Gray8, T, ns::convert_bgr24_to_gray8, ns::into_bgr24_to_gray8},                                      \
+    {F::Rgb24, F::Gray8, T, ns::convert_rgb24_to_gray8, ns::into_rgb24_to_gray8},                                      \
+    {F::Bgr24, F::Bgr555, T, ns::convert_bgr24_to_bgr555, nullptr}, {F::Rgb24, F::Rgb555, T, ns::convert_bgr24_to_bgr555, nullptr},\
+    {F::Bgr24, F::Rgb555, T, ns::convert_bgr24_to_rgb555, nullptr}, {F::Rgb24, F::Bgr555, T, ns::convert_bgr24_to_rgb555, nullptr},\
+    {F::Bgr555, F::Bgr24, T, ns::convert_bgr555_to_bgr24, nullptr}, {F::Rgb555, F::Rgb24, T, ns::convert_bgr555_to_bgr24, nullptr},\
+    {F::Bgr555, F::Rgb24, T, ns::convert_bgr555_to_rgb24, nullptr}, {F::Rgb555, F::Bgr24, T, ns::convert_bgr555_to_rgb24, nullptr},\
+    {F::Pal8, F::Bgr24, T, ns::convert_pal8_to_bgr24, nullptr},     {F::Pal8, F::Rgb24, T, ns::convert_pal8_to_rgb24, nullptr}
 // clang-format on
 
 constexpr FastPath kFastPaths[] = {
-    {F::Bgr24, F::Bgr24, CpuTier::Portable, portable::convert_bgr24_to_bgr24},
-    {F::Rgb24, F::Rgb24, CpuTier::Portable, portable::convert_bgr24_to_bgr24},
+    {F::Bgr24, F::Bgr24, CpuTier::Portable, portable::convert_bgr24_to_bgr24, nullptr},
+    {F::Rgb24, F::Rgb24, CpuTier::Portable, portable::convert_bgr24_to_bgr24, nullptr},
     ZK_FAST_ROWS(CpuTier::Portable, portable),
 #if ZK_X86_TIERS
     ZK_FAST_ROWS(CpuTier::AVX2, avx2),
@@ -612,8 +328,8 @@ const FastPath* fast_path_for(const Plan& plan) {
 // filled here directly, which is most of the cost of a short row.
 const FastPath* plan_hot_pair(const ConvertRequest& rq, Plan& plan) {
     const auto plain = [](int64_t order) { return order == CO_RGB || order == CO_BGR; };
-    if (!rq.buffer || rq.width <= 0 || !plain(rq.src_order) || !plain(rq.dst_order) ||
-        (rq.flags & (CVT_SRC_RANGE | CVT_DST_RANGE)) || rq.dst_bits > 64)
+    if (rq.width <= 0 || !plain(rq.src_order) || !plain(rq.dst_order) || (rq.flags & (CVT_SRC_RANGE | CVT_DST_RANGE)) ||
+        rq.dst_bits > 64)
         return nullptr;
     const bool src_rgb = rq.src_bits >= 16 && rq.src_order == static_cast<int32_t>(CO_RGB);
     const bool dst_rgb = rq.dst_order == CO_RGB;
@@ -649,26 +365,102 @@ const FastPath* find_fast_path(FastFormat src, FastFormat dst, platform::CpuTier
     return k < 0 ? nullptr : &kFastPaths[k];
 }
 
-int32_t convert_buffer(const ConvertRequest& request, ConvertPaths paths) {
-    Plan plan;
+int32_t RowConverter::prepare(const ConvertRequest& request, ConvertPaths paths) {
+    fast_ = nullptr;
+    same_ = false;
+    plan_ = Plan{};
     const bool fast = paths == ConvertPaths::WithFastPaths;
-    if (fast) {
+    if (fast && (fast_ = plan_hot_pair(request, plan_)) != nullptr) return ST_OK;
+    const int32_t status = make_plan(request, plan_, &same_);
+    if (status != ST_OK || same_) return status;
+    if (fast && (fast_ = fast_path_for(plan_)) != nullptr) return ST_OK;
+
+    // What only the general path needs: the colour of each index (the source
+    // palette's for the indices the depth has, gray level i otherwise and for
+    // 8-bit gray) and the colour-to-index memo.
+    if (plan_.src_depth <= 8) {
+        const uint32_t n = plan_.src_palette ? 1u << plan_.src_depth : 0;
+        for (uint32_t i = 0; i < 256; ++i) {
+            const auto v = static_cast<uint8_t>(i);
+            plan_.colours[i] = i < n ? plan_.src_palette[i] : RGBQUAD{v, v, v, 0};
+        }
+    }
+    if (palettized(plan_.dst_depth) && !plan_.use_map) {
+        memo_.prepare(plan_.dst_palette, plan_.dst_count);
+        plan_.memo = &memo_;
+    }
+    return ST_OK;
+}
+
+void RowConverter::run(uint8_t* row) {
+    if (same_) return;
+    if (fast_)
+        fast_->kernel(plan_, row);
+    else
+        run_general(plan_, row, row);
+}
+
+void RowConverter::run(const uint8_t* src, uint8_t* dst, bool stream) {
+    if (src == dst) return run(dst);
+    const uint64_t width = plan_.width;
+    if (same_) return copy_bits(src, dst, width * pixel_bits(plan_.src_depth));
+    if (!fast_) return run_general(plan_, src, dst);
+    if (fast_->into) {
+        plan_.stream = stream;
+        fast_->into(plan_, src, dst);
+        plan_.stream = false;
+        if (stream) fence_streams();
+        return;
+    }
+    // Fast kernels convert in place: each stage of pixels is copied into a
+    // buffer that stays in the first-level cache, converted there and written
+    // out, so memory sees one read of the source and one write of the
+    // destination. Fast formats are whole bytes; a stage's destination is a
+    // whole number of 64-byte lines.
+    const uint32_t src_bytes = pixel_bits(plan_.src_depth) / 8, dst_bytes = pixel_bits(plan_.dst_depth) / 8;
+    const uint32_t per_stage = kStageBytes / std::max(src_bytes, dst_bytes) / 64 * 64;
+    for (uint64_t first = 0; first < width; first += per_stage) {
+        const auto n = static_cast<uint32_t>(std::min<uint64_t>(per_stage, width - first));
+        std::memcpy(stage_, src + first * src_bytes, size_t{n} * src_bytes);
+        plan_.width = n;
+        fast_->kernel(plan_, stage_);
+        write_out(dst + first * dst_bytes, stage_, size_t{n} * dst_bytes, stream);
+    }
+    plan_.width = static_cast<uint32_t>(width);
+    if (stream) fence_streams();
+}
+
+namespace {
+
+// The general path and the set-up only it needs, kept out of the frame of a
+// hot pair's short row.
+#if defined(__GNUC__)
+__attribute__((noinline))
+#endif
+int32_t
+convert_planned(const ConvertRequest& request, ConvertPaths paths) {
+    RowConverter converter;
+    const int32_t status = converter.prepare(request, paths);
+    if (status != ST_OK) return status;
+    if (request.source)
+        converter.run(request.source, request.buffer);
+    else
+        converter.run(request.buffer);
+    return ST_OK;
+}
+
+}  // namespace
+
+int32_t convert_buffer(const ConvertRequest& request, ConvertPaths paths) {
+    if (!request.buffer) return ST_BAD_PARAM;
+    if (paths == ConvertPaths::WithFastPaths && !request.source) {
+        Plan plan;
         if (const FastPath* path = plan_hot_pair(request, plan)) {
             path->kernel(plan, request.buffer);
             return ST_OK;
         }
     }
-    bool same = false;
-    const int32_t status = make_plan(request, plan, &same);
-    if (status != ST_OK || same) return status;
-    if (fast) {
-        if (const FastPath* path = fast_path_for(plan)) {
-            path->kernel(plan, request.buffer);
-            return ST_OK;
-        }
-    }
-    run_general_path(plan, request.buffer);
-    return ST_OK;
+    return convert_planned(request, paths);
 }
 
 }  // namespace zk

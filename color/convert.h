@@ -7,20 +7,22 @@
 // destination depth out of it. Hot pairs have dedicated kernels
 // (the fast-path table below) that a test holds to the general path.
 //
-// May include: include/zkernel.h, color/palette.h, core/platform/cpu.h.
+// May include: include/zkernel.h, color/palette.h, color/pivot.h, core/platform/cpu.h.
 #pragma once
 
 #include <cstdint>
 #include <span>
 
 #include "color/palette.h"
+#include "color/pivot.h"
 #include "core/platform/cpu.h"
 #include "zkernel.h"
 
 namespace zk {
 
 struct ConvertRequest {
-    uint8_t* buffer = nullptr;
+    uint8_t* buffer = nullptr;        // the row converted in place, or the destination row
+    const uint8_t* source = nullptr;  // null: in place; else the source row, which must not overlap buffer
     int32_t width = 0;
     int32_t src_bits = 0;
     uint32_t dst_bits = 0;
@@ -38,18 +40,14 @@ struct ConvertRequest {
 // (platform::cpu_tier()) where one serves the request, or the general path.
 enum class ConvertPaths { WithFastPaths, GeneralOnly };
 
+// Converts one row: in place in request.buffer (which holds the larger of
+// the source and destination rows), or from request.source into
+// request.buffer. Every refusal happens before a byte is written.
 int32_t convert_buffer(const ConvertRequest& request, ConvertPaths paths = ConvertPaths::WithFastPaths);
 
 // The second colour space of CO_ALT_BGR, on 3-byte pixels (byte 0, 1, 2).
 void alt_to_bgr(uint8_t* pixel);
 void bgr_to_alt(uint8_t* pixel);
-
-// One pixel of the common format every source is read into.
-struct Pivot {
-    uint16_t r, g, b;  // 16-bit channels; 8-bit values are widened by 257
-    uint16_t level;    // gray sample of a deep gray source (Plan::level_bits)
-    uint16_t index;    // index or gray byte of a palettized or 8-bit gray source
-};
 
 struct IndexMemo;
 
@@ -83,6 +81,10 @@ struct Plan {
     bool use_map = false;       // index through map
     uint8_t map[256];           // filled when use_map
     IndexMemo* memo = nullptr;  // colour -> index cache
+
+    // Two-buffer kernels may write the destination around the caches (the
+    // caller fences).
+    bool stream = false;
 };
 
 // Per exact colour, the index Z_FindPaletteIndex gave it.
@@ -113,10 +115,17 @@ const char* fast_format_name(FastFormat format);
 // plan.alpha8 as their fourth byte).
 using FastKernel = void (*)(const Plan& plan, uint8_t* row);
 
+// Converts plan.width pixels from `src` into `dst`, rows that do not
+// overlap; loads stay inside the source row, stores inside the destination
+// row. Written for the pairs whole-bitmap conversions meet most; the others
+// run their in-place kernel on staged pieces of the row.
+using FastInto = void (*)(const Plan& plan, const uint8_t* src, uint8_t* dst);
+
 struct FastPath {
     FastFormat src, dst;
     platform::CpuTier tier;
     FastKernel kernel;
+    FastInto into;  // null: the in-place kernel on a stage
 };
 
 // Every entry; per pair of formats at most one per tier.
@@ -124,6 +133,31 @@ std::span<const FastPath> fast_paths();
 
 // The entry of the highest tier not above `tier` for the pair; null if none.
 const FastPath* find_fast_path(FastFormat src, FastFormat dst, platform::CpuTier tier);
+
+// A conversion checked and planned once and run on many rows of the
+// request's width: in place, or from a source row into a destination row
+// (the two-buffer form that whole-bitmap conversions use). Large (about
+// 30 KiB with its palette memo and stage buffer): keep one per loop.
+class RowConverter {
+public:
+    // Checks and plans the request; its buffer and source are not used.
+    int32_t prepare(const ConvertRequest& request, ConvertPaths paths = ConvertPaths::WithFastPaths);
+    // Converts the row in place; `row` holds the larger of the two rows.
+    void run(uint8_t* row);
+    // Converts `src` into `dst` (the same row, or rows that do not overlap).
+    // The destination's bits past its last pixel are kept. With `stream`,
+    // destination bytes are written around the caches where the processor
+    // can (for results far larger than the caches), fenced before return.
+    void run(const uint8_t* src, uint8_t* dst, bool stream = false);
+
+private:
+    static constexpr uint32_t kStageBytes = 8192;
+    Plan plan_;
+    const FastPath* fast_ = nullptr;
+    bool same_ = false;  // the conversion leaves the pixels as they are
+    IndexMemo memo_;
+    alignas(64) uint8_t stage_[kStageBytes];
+};
 
 // The kernels, named by the pair they convert; each also serves the mirrored
 // pair (red and blue exchanged on both sides), which moves the same bytes.
@@ -148,6 +182,26 @@ ZK_FAST_KERNELS(ZK_DECLARE_FAST_KERNEL)
 }
 #endif
 #undef ZK_DECLARE_FAST_KERNEL
+
+// The two-buffer kernels, named likewise (into_<pair>); a tier without them
+// names each as null.
+#define ZK_FAST_INTO_KERNELS(X) \
+    X(bgr24_to_rgb24) X(bgr24_to_bgr32) X(bgr24_to_rgb32) X(bgr24_to_gray8) X(rgb24_to_gray8)
+#define ZK_DECLARE_INTO_KERNEL(name) void into_##name(const Plan& plan, const uint8_t* src, uint8_t* dst);
+#define ZK_NO_INTO_KERNEL(name) constexpr FastInto into_##name = nullptr;
+namespace portable {
+ZK_FAST_INTO_KERNELS(ZK_DECLARE_INTO_KERNEL)
+}
+#if ZK_X86_TIERS
+namespace avx2 {
+ZK_FAST_INTO_KERNELS(ZK_DECLARE_INTO_KERNEL)
+}
+namespace avx512 {
+ZK_FAST_INTO_KERNELS(ZK_NO_INTO_KERNEL)
+}
+#endif
+#undef ZK_DECLARE_INTO_KERNEL
+#undef ZK_NO_INTO_KERNEL
 
 constexpr uint32_t gray8(uint32_t r, uint32_t g, uint32_t b) { return (2 * r + 5 * g + b + 4) >> 3; }
 

@@ -80,6 +80,28 @@ namespace {
 inline __m256i load(const Bytes32& x) { return _mm256_load_si256(reinterpret_cast<const __m256i*>(x.b)); }
 inline __m256i load32(const uint8_t* p) { return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)); }
 inline void store32(uint8_t* p, __m256i v) { _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), v); }
+// A store to a 32-byte aligned address, around the caches with Stream.
+template <bool Stream>
+inline void put32(uint8_t* p, __m256i v) {
+    if constexpr (Stream)
+        _mm256_stream_si256(reinterpret_cast<__m256i*>(p), v);
+    else
+        store32(p, v);
+}
+
+// How far ahead of its loads a streaming kernel asks for source lines: the
+// hardware prefetcher alone leaves a single thread well short of the
+// memory's speed while the kernel also computes.
+constexpr size_t kPrefetchBytes = 2048;
+
+// Pixels before the first whose destination byte is 32-byte aligned, for
+// destination pixels of `bytes` bytes (3 or 4; 1 for gray).
+inline size_t pixels_to_alignment(const uint8_t* dst, uint32_t bytes) {
+    const auto gap = static_cast<size_t>((32 - reinterpret_cast<uintptr_t>(dst) % 32) % 32);
+    if (bytes == 3) return gap * 11 % 32;  // 3 * 11 = 1 modulo 32
+    return gap / bytes;
+}
+
 inline __m128i load16(const uint8_t* p) { return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)); }
 
 // Sixteen bytes from `lo` in the low lane and from `hi` in the high lane.
@@ -116,28 +138,38 @@ inline SwapGroup load_swapped(const uint8_t* p) {
     return {swapped_register<0>(p, 2), swapped_register<1>(p + 32, 2), swapped_register<2>(p + 64, 2)};
 }
 
-void swap_bgr24(uint8_t* row, uint32_t width) {
+// `head` pixels (at least one) are swapped alone first; with Stream they
+// bring the destination to a 32-byte boundary.
+template <bool Stream = false>
+void swap_bgr24(const uint8_t* src, uint8_t* dst, uint32_t width, size_t head = 1) {
     const size_t bytes = 3 * size_t{width};
+    const auto swap_pixel = [src, dst](size_t o) {
+        const uint8_t t = src[o];
+        dst[o] = src[o + 2];
+        dst[o + 1] = src[o + 1];
+        dst[o + 2] = t;
+    };
     size_t o = 0;
-    if (width >= 34) {
-        std::swap(row[0], row[2]);
-        o = 3;
+    if (width >= head + 33) {
+        for (; o < 3 * head; o += 3) swap_pixel(o);
         if (o + 98 <= bytes) {
-            SwapGroup g = load_swapped(row + o);
+            SwapGroup g = load_swapped(src + o);
             for (; o + 96 + 98 <= bytes; o += 96) {
-                const SwapGroup next = load_swapped(row + o + 96);
-                store32(row + o, g.r0);
-                store32(row + o + 32, g.r1);
-                store32(row + o + 64, g.r2);
+                if constexpr (Stream)
+                    _mm_prefetch(reinterpret_cast<const char*>(src + o + kPrefetchBytes), _MM_HINT_T0);
+                const SwapGroup next = load_swapped(src + o + 96);
+                put32<Stream>(dst + o, g.r0);
+                put32<Stream>(dst + o + 32, g.r1);
+                put32<Stream>(dst + o + 64, g.r2);
                 g = next;
             }
-            store32(row + o, g.r0);
-            store32(row + o + 32, g.r1);
-            store32(row + o + 64, g.r2);
+            put32<Stream>(dst + o, g.r0);
+            put32<Stream>(dst + o + 32, g.r1);
+            put32<Stream>(dst + o + 64, g.r2);
             o += 96;
         }
     }
-    for (; o < bytes; o += 3) std::swap(row[o], row[o + 2]);
+    for (; o < bytes; o += 3) swap_pixel(o);
 }
 
 // Eight 3-byte pixels from `s`, four per lane, as 4-byte pixels with `a`.
@@ -163,6 +195,33 @@ void bgr24_to_bgr32(uint8_t* row, uint32_t width, uint8_t alpha) {
         store32(row + 4 * (end - 16), lo);
     }
     if (end) store32(row, widen_quads(row, widen, a));
+}
+
+// 24 -> 32 bits from a source row into a destination row that does not
+// overlap it, eight pixels per register, forwards; loads stay inside the
+// source row.
+template <bool Swap, bool Stream = false>
+void bgr24_to_bgr32_into(const uint8_t* src, uint8_t* dst, uint32_t width, uint8_t alpha, size_t head = 0) {
+    static constexpr Bytes32 kWiden = make_bytes([](int j) {
+        const int p = (j % 16) / 4, c = j % 4;
+        return c == 3 ? kZero : 3 * p + (Swap ? 2 - c : c);
+    });
+    const __m256i a = _mm256_set1_epi32(static_cast<int32_t>(uint32_t{alpha} << 24));
+    const __m256i widen = load(kWiden);
+    const auto one = [src, dst, alpha](size_t i) {
+        const uint8_t c0 = src[3 * i], c1 = src[3 * i + 1], c2 = src[3 * i + 2];
+        dst[4 * i] = Swap ? c2 : c0;
+        dst[4 * i + 1] = c1;
+        dst[4 * i + 2] = Swap ? c0 : c2;
+        dst[4 * i + 3] = alpha;
+    };
+    size_t i = 0;
+    for (; i < head && i < width; ++i) one(i);
+    for (; 3 * i + 28 <= 3 * size_t{width}; i += 8) {
+        if constexpr (Stream) _mm_prefetch(reinterpret_cast<const char*>(src + 3 * i + kPrefetchBytes), _MM_HINT_T0);
+        put32<Stream>(dst + 4 * i, widen_quads(src + 3 * i, widen, a));
+    }
+    for (; i < width; ++i) one(i);
 }
 
 // 32 -> 24 bits, eight pixels per register, forwards. Each 32-byte store
@@ -230,8 +289,8 @@ void bgr48_to_bgr24(uint8_t* row, uint32_t width) {
 // 24 bits -> 8-bit gray, 32 pixels per group, forwards. A register holds
 // eight pixels, four per lane, each widened to a 32-bit lane of (channel 0,
 // 1, 2, 0); one multiply-add of bytes and one of words give 2R + 5G + B.
-template <bool RedFirst>
-void bgr24_to_gray8(uint8_t* row, uint32_t width) {
+template <bool RedFirst, bool Stream = false>
+void bgr24_to_gray8(const uint8_t* src, uint8_t* dst, uint32_t width, size_t head = 0) {
     static constexpr Bytes32 kExpand = make_bytes([](int j) {
         const int p = (j % 16) / 4, c = j % 4;
         return c == 3 ? kZero : 3 * p + c;
@@ -240,9 +299,16 @@ void bgr24_to_gray8(uint8_t* row, uint32_t width) {
     const __m256i weights = _mm256_set1_epi32(RedFirst ? 0x00010502 : 0x00020501);
     const __m256i ones = _mm256_set1_epi16(1), four = _mm256_set1_epi16(4);
     const __m256i expand = load(kExpand), order = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+    const auto one = [src, dst](size_t i) {
+        const uint8_t* q = src + 3 * i;
+        const uint32_t r = RedFirst ? q[0] : q[2], b = RedFirst ? q[2] : q[0];
+        dst[i] = static_cast<uint8_t>(gray8(r, q[1], b));
+    };
     size_t i = 0;
+    for (; i < head && i < width; ++i) one(i);
     for (; i + 34 <= width; i += 32) {
-        const uint8_t* s = row + 3 * i;
+        const uint8_t* s = src + 3 * i;
+        if constexpr (Stream) _mm_prefetch(reinterpret_cast<const char*>(s + kPrefetchBytes), _MM_HINT_T0);
         __m256i d[4];
         for (int r = 0; r < 4; ++r) {
             const __m256i px = _mm256_shuffle_epi8(load_lanes(s + 24 * r, s + 24 * r + 12), expand);
@@ -250,13 +316,9 @@ void bgr24_to_gray8(uint8_t* row, uint32_t width) {
         }
         const __m256i w01 = _mm256_srli_epi16(_mm256_add_epi16(_mm256_packs_epi32(d[0], d[1]), four), 3);
         const __m256i w23 = _mm256_srli_epi16(_mm256_add_epi16(_mm256_packs_epi32(d[2], d[3]), four), 3);
-        store32(row + i, _mm256_permutevar8x32_epi32(_mm256_packus_epi16(w01, w23), order));
+        put32<Stream>(dst + i, _mm256_permutevar8x32_epi32(_mm256_packus_epi16(w01, w23), order));
     }
-    for (; i < width; ++i) {
-        const uint8_t* q = row + 3 * i;
-        const uint32_t r = RedFirst ? q[0] : q[2], b = RedFirst ? q[2] : q[0];
-        row[i] = static_cast<uint8_t>(gray8(r, q[1], b));
-    }
+    for (; i < width; ++i) one(i);
 }
 
 // 24 -> 16 bits 5-5-5, sixteen pixels (two registers of 8) per group,
@@ -384,21 +446,56 @@ void pal8_to_bgr24(uint8_t* row, uint32_t width, const RGBQUAD* colours, bool re
 
 namespace avx2 {
 
-void convert_bgr24_to_rgb24(const Plan& p, uint8_t* row) { swap_bgr24(row, p.width); }
+void convert_bgr24_to_rgb24(const Plan& p, uint8_t* row) { swap_bgr24(row, row, p.width); }
 void convert_bgr24_to_bgr32(const Plan& p, uint8_t* row) { bgr24_to_bgr32<false>(row, p.width, p.alpha8); }
 void convert_bgr24_to_rgb32(const Plan& p, uint8_t* row) { bgr24_to_bgr32<true>(row, p.width, p.alpha8); }
 void convert_bgr32_to_bgr24(const Plan& p, uint8_t* row) { bgr32_to_bgr24<false>(row, p.width); }
 void convert_bgr32_to_rgb24(const Plan& p, uint8_t* row) { bgr32_to_bgr24<true>(row, p.width); }
 void convert_bgr48_to_bgr24(const Plan& p, uint8_t* row) { bgr48_to_bgr24<false>(row, p.width); }
 void convert_bgr48_to_rgb24(const Plan& p, uint8_t* row) { bgr48_to_bgr24<true>(row, p.width); }
-void convert_bgr24_to_gray8(const Plan& p, uint8_t* row) { bgr24_to_gray8<false>(row, p.width); }
-void convert_rgb24_to_gray8(const Plan& p, uint8_t* row) { bgr24_to_gray8<true>(row, p.width); }
+void convert_bgr24_to_gray8(const Plan& p, uint8_t* row) { bgr24_to_gray8<false>(row, row, p.width); }
+void convert_rgb24_to_gray8(const Plan& p, uint8_t* row) { bgr24_to_gray8<true>(row, row, p.width); }
 void convert_bgr24_to_bgr555(const Plan& p, uint8_t* row) { bgr24_to_bgr555<false>(row, p.width); }
 void convert_bgr24_to_rgb555(const Plan& p, uint8_t* row) { bgr24_to_bgr555<true>(row, p.width); }
 void convert_bgr555_to_bgr24(const Plan& p, uint8_t* row) { bgr555_to_bgr24<false>(row, p.width); }
 void convert_bgr555_to_rgb24(const Plan& p, uint8_t* row) { bgr555_to_bgr24<true>(row, p.width); }
 void convert_pal8_to_bgr24(const Plan& p, uint8_t* row) { pal8_to_bgr24(row, p.width, p.src_palette, false); }
 void convert_pal8_to_rgb24(const Plan& p, uint8_t* row) { pal8_to_bgr24(row, p.width, p.src_palette, true); }
+
+// With plan.stream the destination is written around the caches from its
+// first 32-byte boundary on (4-byte pixels need a destination on a 4-byte
+// boundary).
+void into_bgr24_to_rgb24(const Plan& p, const uint8_t* s, uint8_t* d) {
+    const size_t head = pixels_to_alignment(d, 3);
+    if (p.stream)
+        swap_bgr24<true>(s, d, p.width, head ? head : 32);
+    else
+        swap_bgr24(s, d, p.width);
+}
+void into_bgr24_to_bgr32(const Plan& p, const uint8_t* s, uint8_t* d) {
+    if (p.stream && reinterpret_cast<uintptr_t>(d) % 4 == 0)
+        bgr24_to_bgr32_into<false, true>(s, d, p.width, p.alpha8, pixels_to_alignment(d, 4));
+    else
+        bgr24_to_bgr32_into<false>(s, d, p.width, p.alpha8);
+}
+void into_bgr24_to_rgb32(const Plan& p, const uint8_t* s, uint8_t* d) {
+    if (p.stream && reinterpret_cast<uintptr_t>(d) % 4 == 0)
+        bgr24_to_bgr32_into<true, true>(s, d, p.width, p.alpha8, pixels_to_alignment(d, 4));
+    else
+        bgr24_to_bgr32_into<true>(s, d, p.width, p.alpha8);
+}
+void into_bgr24_to_gray8(const Plan& p, const uint8_t* s, uint8_t* d) {
+    if (p.stream)
+        bgr24_to_gray8<false, true>(s, d, p.width, pixels_to_alignment(d, 1));
+    else
+        bgr24_to_gray8<false>(s, d, p.width);
+}
+void into_rgb24_to_gray8(const Plan& p, const uint8_t* s, uint8_t* d) {
+    if (p.stream)
+        bgr24_to_gray8<true, true>(s, d, p.width, pixels_to_alignment(d, 1));
+    else
+        bgr24_to_gray8<true>(s, d, p.width);
+}
 
 }  // namespace avx2
 }  // namespace zk

@@ -5,9 +5,11 @@
 // `Swap` means that source and destination disagree on whether red comes
 // first, so bytes 0 and 2 change places.
 #include <cstring>
+#include <type_traits>
 #include <utility>
 
 #include "color/convert.h"
+#include "core/platform/x86_intrinsics.h"
 
 namespace zk {
 namespace {
@@ -37,6 +39,43 @@ ZK_KERNEL V16 load16(const uint8_t* p) {
     return v;
 }
 ZK_KERNEL void store16(uint8_t* p, V16 v) { std::memcpy(p, &v, 16); }
+
+// Two-buffer kernels writing a destination far larger than the caches
+// store around them where the instruction set can (16-byte aligned
+// addresses) and ask for source lines ahead of their loads: a single thread
+// otherwise stays well short of the memory's speed.
+#if ZK_X86_TIERS && defined(__SSE2__)
+constexpr bool kCanStream = true;
+#else
+constexpr bool kCanStream = false;
+#endif
+constexpr size_t kPrefetchBytes = 2048;
+
+template <bool Stream>
+ZK_KERNEL void put16(uint8_t* p, V16 v) {
+#if ZK_X86_TIERS && defined(__SSE2__)
+    if constexpr (Stream) {
+        __m128i x;
+        std::memcpy(&x, &v, 16);
+        _mm_stream_si128(reinterpret_cast<__m128i*>(p), x);
+        return;
+    }
+#endif
+    store16(p, v);
+}
+
+template <bool Stream>
+ZK_KERNEL void ahead(const uint8_t* p) {
+    if constexpr (Stream) __builtin_prefetch(p + kPrefetchBytes);
+}
+
+// Pixels before the first whose destination byte is on a 16-byte boundary,
+// for destination pixels of `bytes` bytes (1, 3 or 4).
+inline size_t pixels_to_alignment(const uint8_t* dst, uint32_t bytes) {
+    const auto gap = static_cast<size_t>((16 - reinterpret_cast<uintptr_t>(dst) % 16) % 16);
+    if (bytes == 3) return gap * 11 % 16;  // 3 * 11 = 1 modulo 16
+    return gap / bytes;
+}
 typedef uint16_t W16 __attribute__((vector_size(32)));  // sixteen 16-bit lanes
 
 // Channel C of sixteen 3-byte pixels held in a, b, c (48 bytes).
@@ -73,6 +112,59 @@ template <int K>
 ZK_KERNEL V16 interleave_part(V16 x, V16 y, V16 z) {
     return interleave_part<K>(x, y, z, std::make_index_sequence<16>());
 }
+
+// Interleaves of the low and high halves of two vectors, by bytes and by
+// 16-bit pairs: single unpack instructions on every vector instruction set,
+// where general byte shuffles are not (SSE2 has none).
+ZK_KERNEL V16 zip_lo(V16 a, V16 b) {
+    return __builtin_shufflevector(a, b, 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
+}
+ZK_KERNEL V16 zip_hi(V16 a, V16 b) {
+    return __builtin_shufflevector(a, b, 8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31);
+}
+ZK_KERNEL V16 zip_pairs_lo(V16 a, V16 b) {
+    return __builtin_shufflevector(a, b, 0, 1, 16, 17, 2, 3, 18, 19, 4, 5, 20, 21, 6, 7, 22, 23);
+}
+ZK_KERNEL V16 zip_pairs_hi(V16 a, V16 b) {
+    return __builtin_shufflevector(a, b, 8, 9, 24, 25, 10, 11, 26, 27, 12, 13, 28, 29, 14, 15, 30, 31);
+}
+
+// The three channels of 32 3-byte pixels (96 bytes from p): five rounds of
+// interleaving register k with register k + 3 sort the bytes by channel,
+// then by pixel. Register 2k holds channel k of pixels 0-15, 2k + 1 of
+// pixels 16-31.
+struct Channels32 {
+    V16 c0, c1, c2, c3, c4, c5;
+};
+
+ZK_KERNEL Channels32 interleave_round(const Channels32& x) {
+    return {zip_lo(x.c0, x.c3), zip_hi(x.c0, x.c3), zip_lo(x.c1, x.c4),
+            zip_hi(x.c1, x.c4), zip_lo(x.c2, x.c5), zip_hi(x.c2, x.c5)};
+}
+
+ZK_KERNEL Channels32 split_channels(const uint8_t* p) {
+    const Channels32 x{load16(p), load16(p + 16), load16(p + 32), load16(p + 48), load16(p + 64), load16(p + 80)};
+    return interleave_round(interleave_round(interleave_round(interleave_round(interleave_round(x)))));
+}
+
+// Byte masks of the three phases of a 48-byte run of 3-byte pixels.
+template <int K, int Phase, size_t... J>
+constexpr V16 phase_bytes(std::index_sequence<J...>) {
+    return V16{static_cast<uint8_t>((16 * K + J) % 3 == Phase ? 0xFF : 0)...};
+}
+template <int K, int Phase>
+constexpr V16 phase_bytes() {
+    return phase_bytes<K, Phase>(std::make_index_sequence<16>());
+}
+
+// 16 bytes of a red-blue exchange at p (16K bytes into a 48-byte run that
+// starts on a pixel): byte q takes byte q + 2, q or q - 2 as q % 3 is 0, 1
+// or 2, from three loads and bitwise selects.
+template <int K>
+ZK_KERNEL V16 swapped_bytes(const uint8_t* p) {
+    constexpr V16 next = phase_bytes<K, 0>(), same = phase_bytes<K, 1>(), prev = phase_bytes<K, 2>();
+    return (load16(p + 2) & next) | (load16(p) & same) | (load16(p - 2) & prev);
+}
 #else
 #define ZK_VECTORS 0
 #endif
@@ -96,76 +188,107 @@ ZK_KERNEL void by_blocks(uint8_t* row, uint32_t width, Body body) {
     }
 }
 
-template <bool Swap>
-ZK_KERNEL void bgr24_to_bgr24(uint8_t* row, uint32_t width) {
-    if constexpr (!Swap) return;
+// Red and blue exchanged, from src to dst: the same row, or rows that do
+// not overlap. 16 pixels (48 bytes) per group, forwards; the first pixel is
+// swapped alone so that the loads two bytes back stay in the row, and a
+// group is loaded before the previous one is stored.
+template <bool Stream = false>
+ZK_KERNEL void swap_bgr24(const uint8_t* src, uint8_t* dst, uint32_t width, size_t head = 1) {
     const size_t bytes = 3 * size_t{width};
-    size_t i = 0;
-#if ZK_VECTORS
-    // Five pixels per vector, in place. Each group is loaded before the
-    // previous one is stored, so no load reads a pending store; a store's byte
-    // 15 (the next pixel's first byte, unchanged) is rewritten by the next.
-    const auto swap5 = [](V16 v) {
-        return __builtin_shufflevector(v, v, 2, 1, 0, 5, 4, 3, 8, 7, 6, 11, 10, 9, 14, 13, 12, 15);
+    const auto swap_pixel = [src, dst](size_t o) {
+        const uint8_t t = src[o];
+        dst[o] = src[o + 2];
+        dst[o + 1] = src[o + 1];
+        dst[o + 2] = t;
     };
-    if (bytes >= 16) {
-        V16 v = load16(row);
-        // Eight groups per round: all loads first, then the stores.
-        for (; i + 136 <= bytes; i += 120) {
-            V16 g[9];
-            g[0] = v;
-            for (int k = 1; k < 9; ++k) g[k] = load16(row + i + 15 * k);
-            for (int k = 0; k < 8; ++k) store16(row + i + 15 * k, swap5(g[k]));
-            v = g[8];
+    size_t o = 0;
+#if ZK_VECTORS
+    if (bytes >= 3 * head + 48 + 2) {
+        for (; o < 3 * head; o += 3) swap_pixel(o);
+        V16 g0 = swapped_bytes<0>(src + o), g1 = swapped_bytes<1>(src + o + 16), g2 = swapped_bytes<2>(src + o + 32);
+        for (; o + 48 + 50 <= bytes; o += 48) {
+            const uint8_t* n = src + o + 48;
+            ahead<Stream>(n);
+            const V16 n0 = swapped_bytes<0>(n), n1 = swapped_bytes<1>(n + 16), n2 = swapped_bytes<2>(n + 32);
+            put16<Stream>(dst + o, g0);
+            put16<Stream>(dst + o + 16, g1);
+            put16<Stream>(dst + o + 32, g2);
+            g0 = n0;
+            g1 = n1;
+            g2 = n2;
         }
-        for (; i + 31 <= bytes; i += 15) {
-            const V16 next = load16(row + i + 15);
-            store16(row + i, swap5(v));
-            v = next;
-        }
-        store16(row + i, swap5(v));
-        i += 15;
+        put16<Stream>(dst + o, g0);
+        put16<Stream>(dst + o + 16, g1);
+        put16<Stream>(dst + o + 32, g2);
+        o += 48;
     }
 #endif
-    for (; i < bytes; i += 3) {
-        const uint8_t t = row[i];
-        row[i] = row[i + 2];
-        row[i + 2] = t;
-    }
+    for (; o < bytes; o += 3) swap_pixel(o);
 }
 
+#if ZK_VECTORS
+// 32 pixels of 24 bits at s to 32 bits at d: channels split, then
+// interleaved again by bytes and by pairs with the alpha byte. Every load
+// happens before the first store.
+template <bool Swap, bool Stream = false>
+ZK_KERNEL void widen32_group(const uint8_t* s, uint8_t* d, V16 alpha) {
+    const Channels32 c = split_channels(s);
+    // Sixteen pixels from their three channel registers.
+    const auto widen16 = [alpha](V16 first, V16 second, V16 third, V16* out) {
+        if constexpr (Swap) std::swap(first, third);
+        const V16 lo01 = zip_lo(first, second), hi01 = zip_hi(first, second);
+        const V16 lo2a = zip_lo(third, alpha), hi2a = zip_hi(third, alpha);
+        out[0] = zip_pairs_lo(lo01, lo2a);
+        out[1] = zip_pairs_hi(lo01, lo2a);
+        out[2] = zip_pairs_lo(hi01, hi2a);
+        out[3] = zip_pairs_hi(hi01, hi2a);
+    };
+    V16 out[8];
+    widen16(c.c0, c.c2, c.c4, out);
+    widen16(c.c1, c.c3, c.c5, out + 4);
+    for (int k = 0; k < 8; ++k) put16<Stream>(d + 16 * k, out[k]);
+}
+#endif
+
+template <bool Swap>
+ZK_KERNEL void widen32_pixel(const uint8_t* src, uint8_t* dst, size_t i, uint8_t alpha) {
+    const uint8_t c0 = src[3 * i], c1 = src[3 * i + 1], c2 = src[3 * i + 2];
+    dst[4 * i] = Swap ? c2 : c0;
+    dst[4 * i + 1] = c1;
+    dst[4 * i + 2] = Swap ? c0 : c2;
+    dst[4 * i + 3] = alpha;
+}
+
+// 24 -> 32 bits in place, 32 pixels per group from the last group back: a
+// group's stores (from byte 128g) never reach the loads of the groups
+// before it (below byte 96g).
 template <bool Swap>
 ZK_KERNEL void bgr24_to_bgr32(uint8_t* row, uint32_t width, uint8_t alpha) {
-    uint32_t end = width;
+    size_t end = width;
 #if ZK_VECTORS
-    // Four pixels per vector from the last group back. A group's store
-    // (from byte 4i) never reaches the next group's load (up to byte 3i + 3).
     V16 a;
     std::memset(&a, alpha, 16);
-    const auto widen4 = [&a](V16 v) {
-        if constexpr (Swap)
-            return __builtin_shufflevector(v, a, 2, 1, 0, 16, 5, 4, 3, 16, 8, 7, 6, 16, 11, 10, 9, 16);
-        else
-            return __builtin_shufflevector(v, a, 0, 1, 2, 16, 3, 4, 5, 16, 6, 7, 8, 16, 9, 10, 11, 16);
-    };
-    // Eight groups per round, loads before stores.
-    for (; end >= 32; end -= 32) {
-        V16 g[8];
-        for (int k = 0; k < 8; ++k) g[k] = load16(row + 3 * (end - 4 * (k + 1)));
-        for (int k = 0; k < 8; ++k) store16(row + 4 * (end - 4 * (k + 1)), widen4(g[k]));
-    }
-    for (; end >= 4; end -= 4) {
-        const size_t i = end - 4;
-        store16(row + 4 * i, widen4(load16(row + 3 * i)));
+    for (; end % 32; --end) widen32_pixel<Swap>(row, row, end - 1, alpha);
+    for (; end >= 32; end -= 32) widen32_group<Swap>(row + 3 * (end - 32), row + 4 * (end - 32), a);
+#endif
+    for (; end > 0; --end) widen32_pixel<Swap>(row, row, end - 1, alpha);
+}
+
+// 24 -> 32 bits from a source row into a destination row that does not
+// overlap it, forwards; loads stay inside the source row.
+template <bool Swap, bool Stream = false>
+ZK_KERNEL void bgr24_to_bgr32_into(const uint8_t* src, uint8_t* dst, uint32_t width, uint8_t alpha, size_t head = 0) {
+    size_t i = 0;
+    for (; i < head && i < width; ++i) widen32_pixel<Swap>(src, dst, i, alpha);
+#if ZK_VECTORS
+    V16 a;
+    std::memset(&a, alpha, 16);
+    for (; i + 32 <= width; i += 32) {
+        ahead<Stream>(src + 3 * i);
+        widen32_group<Swap, Stream>(src + 3 * i, dst + 4 * i, a);
     }
 #endif
-    for (size_t i = end; i-- > 0;) {
-        const uint8_t c0 = row[3 * i], c1 = row[3 * i + 1], c2 = row[3 * i + 2];
-        row[4 * i] = Swap ? c2 : c0;
-        row[4 * i + 1] = c1;
-        row[4 * i + 2] = Swap ? c0 : c2;
-        row[4 * i + 3] = alpha;
-    }
+    for (; i < width; ++i) widen32_pixel<Swap>(src, dst, i, alpha);
 }
 
 template <bool Swap>
@@ -197,29 +320,48 @@ ZK_KERNEL void bgr32_to_bgr24(uint8_t* row, uint32_t width) {
     }
 }
 
-// RedFirst: the source is CO_RGB.
-template <bool RedFirst>
-ZK_KERNEL void bgr24_to_gray8(uint8_t* row, uint32_t width) {
+// RedFirst: the source is CO_RGB. 32 pixels per group, forwards, every
+// load of a group before its store (in place the store ends before the next
+// group's first byte). Weighted sums in 16-bit lanes of split channels.
+template <bool RedFirst, bool Stream = false>
+ZK_KERNEL void bgr24_to_gray8(const uint8_t* src, uint8_t* dst, uint32_t width, size_t head = 0) {
+    const auto one = [src, dst](size_t i) {
+        const uint8_t* q = src + 3 * i;
+        const uint32_t r = RedFirst ? q[0] : q[2], b = RedFirst ? q[2] : q[0];
+        dst[i] = static_cast<uint8_t>(gray8(r, q[1], b));
+    };
     size_t i = 0;
+    for (; i < head && i < width; ++i) one(i);
 #if ZK_VECTORS
-    // Sixteen pixels per group, forwards in place: a group's 16-byte store
-    // ends before the next group's first byte.
-    for (; i + 16 <= width; i += 16) {
-        const uint8_t* p = row + 3 * i;
-        const V16 a = load16(p), b = load16(p + 16), c = load16(p + 32);
-        const W16 c0 = __builtin_convertvector(channel_of<0>(a, b, c), W16);
-        const W16 c1 = __builtin_convertvector(channel_of<1>(a, b, c), W16);
-        const W16 c2 = __builtin_convertvector(channel_of<2>(a, b, c), W16);
-        const W16 r = RedFirst ? c0 : c2, bl = RedFirst ? c2 : c0;
-        const W16 g = (2 * r + 5 * c1 + bl + 4) >> 3;
-        store16(row + i, __builtin_convertvector(g, V16));
+    typedef uint8_t V8 __attribute__((vector_size(8)));
+    typedef uint16_t W8 __attribute__((vector_size(16)));
+    // Eight gray bytes from the low or high halves of the channel registers.
+    const auto gray_half = [](V16 c0, V16 c1, V16 c2, auto high) {
+        const auto take = [](V16 v) {
+            if constexpr (decltype(high)::value)
+                return __builtin_convertvector(__builtin_shufflevector(v, v, 8, 9, 10, 11, 12, 13, 14, 15), W8);
+            else
+                return __builtin_convertvector(__builtin_shufflevector(v, v, 0, 1, 2, 3, 4, 5, 6, 7), W8);
+        };
+        const W8 w0 = take(c0), w1 = take(c1), w2 = take(c2);
+        const W8 r = RedFirst ? w0 : w2, b = RedFirst ? w2 : w0;
+        return __builtin_convertvector((2 * r + 5 * w1 + b + 4) >> 3, V8);
+    };
+    const auto join = [](V8 a, V8 b) {
+        return __builtin_shufflevector(a, b, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+    };
+    for (; i + 32 <= width; i += 32) {
+        ahead<Stream>(src + 3 * i);
+        const Channels32 c = split_channels(src + 3 * i);
+        const V16 g0 =
+            join(gray_half(c.c0, c.c2, c.c4, std::false_type()), gray_half(c.c0, c.c2, c.c4, std::true_type()));
+        const V16 g1 =
+            join(gray_half(c.c1, c.c3, c.c5, std::false_type()), gray_half(c.c1, c.c3, c.c5, std::true_type()));
+        put16<Stream>(dst + i, g0);
+        put16<Stream>(dst + i + 16, g1);
     }
 #endif
-    for (; i < width; ++i) {
-        const uint8_t* q = row + 3 * i;
-        const uint32_t r = RedFirst ? q[0] : q[2], b = RedFirst ? q[2] : q[0];
-        row[i] = static_cast<uint8_t>(gray8(r, q[1], b));
-    }
+    for (; i < width; ++i) one(i);
 }
 
 // 5-5-5 with the channel of byte 2 in bits 10-14 unless Swap.
@@ -336,21 +478,55 @@ ZK_KERNEL void pal8_to_bgr24(uint8_t* row, uint32_t width, const RGBQUAD* colour
 namespace portable {
 
 void convert_bgr24_to_bgr24(const Plan&, uint8_t*) {}
-void convert_bgr24_to_rgb24(const Plan& p, uint8_t* row) { bgr24_to_bgr24<true>(row, p.width); }
+void convert_bgr24_to_rgb24(const Plan& p, uint8_t* row) { swap_bgr24(row, row, p.width); }
 void convert_bgr24_to_bgr32(const Plan& p, uint8_t* row) { bgr24_to_bgr32<false>(row, p.width, p.alpha8); }
 void convert_bgr24_to_rgb32(const Plan& p, uint8_t* row) { bgr24_to_bgr32<true>(row, p.width, p.alpha8); }
 void convert_bgr32_to_bgr24(const Plan& p, uint8_t* row) { bgr32_to_bgr24<false>(row, p.width); }
 void convert_bgr32_to_rgb24(const Plan& p, uint8_t* row) { bgr32_to_bgr24<true>(row, p.width); }
 void convert_bgr48_to_bgr24(const Plan& p, uint8_t* row) { bgr48_to_bgr24<false>(row, p.width); }
 void convert_bgr48_to_rgb24(const Plan& p, uint8_t* row) { bgr48_to_bgr24<true>(row, p.width); }
-void convert_bgr24_to_gray8(const Plan& p, uint8_t* row) { bgr24_to_gray8<false>(row, p.width); }
-void convert_rgb24_to_gray8(const Plan& p, uint8_t* row) { bgr24_to_gray8<true>(row, p.width); }
+void convert_bgr24_to_gray8(const Plan& p, uint8_t* row) { bgr24_to_gray8<false>(row, row, p.width); }
+void convert_rgb24_to_gray8(const Plan& p, uint8_t* row) { bgr24_to_gray8<true>(row, row, p.width); }
 void convert_bgr24_to_bgr555(const Plan& p, uint8_t* row) { bgr24_to_bgr555<false>(row, p.width); }
 void convert_bgr24_to_rgb555(const Plan& p, uint8_t* row) { bgr24_to_bgr555<true>(row, p.width); }
 void convert_bgr555_to_bgr24(const Plan& p, uint8_t* row) { bgr555_to_bgr24<false>(row, p.width); }
 void convert_bgr555_to_rgb24(const Plan& p, uint8_t* row) { bgr555_to_bgr24<true>(row, p.width); }
 void convert_pal8_to_bgr24(const Plan& p, uint8_t* row) { pal8_to_bgr24<false>(row, p.width, p.src_palette); }
 void convert_pal8_to_rgb24(const Plan& p, uint8_t* row) { pal8_to_bgr24<true>(row, p.width, p.src_palette); }
+
+// With plan.stream (and an instruction set that can) the destination is
+// written around the caches from its first 16-byte boundary on.
+void into_bgr24_to_rgb24(const Plan& p, const uint8_t* s, uint8_t* d) {
+    const size_t head = pixels_to_alignment(d, 3);
+    if (kCanStream && p.stream)
+        swap_bgr24<kCanStream>(s, d, p.width, head ? head : 16);
+    else
+        swap_bgr24(s, d, p.width);
+}
+void into_bgr24_to_bgr32(const Plan& p, const uint8_t* s, uint8_t* d) {
+    if (kCanStream && p.stream && reinterpret_cast<uintptr_t>(d) % 4 == 0)
+        bgr24_to_bgr32_into<false, kCanStream>(s, d, p.width, p.alpha8, pixels_to_alignment(d, 4));
+    else
+        bgr24_to_bgr32_into<false>(s, d, p.width, p.alpha8);
+}
+void into_bgr24_to_rgb32(const Plan& p, const uint8_t* s, uint8_t* d) {
+    if (kCanStream && p.stream && reinterpret_cast<uintptr_t>(d) % 4 == 0)
+        bgr24_to_bgr32_into<true, kCanStream>(s, d, p.width, p.alpha8, pixels_to_alignment(d, 4));
+    else
+        bgr24_to_bgr32_into<true>(s, d, p.width, p.alpha8);
+}
+void into_bgr24_to_gray8(const Plan& p, const uint8_t* s, uint8_t* d) {
+    if (kCanStream && p.stream)
+        bgr24_to_gray8<false, kCanStream>(s, d, p.width, pixels_to_alignment(d, 1));
+    else
+        bgr24_to_gray8<false>(s, d, p.width);
+}
+void into_rgb24_to_gray8(const Plan& p, const uint8_t* s, uint8_t* d) {
+    if (kCanStream && p.stream)
+        bgr24_to_gray8<true, kCanStream>(s, d, p.width, pixels_to_alignment(d, 1));
+    else
+        bgr24_to_gray8<true>(s, d, p.width);
+}
 
 }  // namespace portable
 }  // namespace zk

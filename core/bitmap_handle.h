@@ -1,37 +1,17 @@
 // Small helpers over the BitmapHandle record shared by every subsystem.
 //
-// May include: include/zkernel.h.
+// May include: include/zkernel.h, core/pixel_format.h.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
+#include "core/pixel_format.h"
 #include "zkernel.h"
 
 namespace zk {
 
 constexpr uint32_t kStructSize = static_cast<uint32_t>(sizeof(BitmapHandle));
-
-// Depths a bitmap may have.
-constexpr bool valid_depth(int32_t bpp) {
-    switch (bpp) {
-        case 1:
-        case 2:
-        case 3:
-        case 4:
-        case 5:
-        case 6:
-        case 7:
-        case 8:
-        case 12:
-        case 16:
-        case 24:
-        case 32:
-        case 48:
-        case 64: return true;
-        default: return false;
-    }
-}
 
 // Padded row length of `width` pixels at `bits` per pixel: ((width * bits +
 // 31) >> 3) with the two low bits cleared. Exact in 64 bits for every width
@@ -74,27 +54,6 @@ constexpr bool geometry_consistent(const BitmapHandle& b) {
     if (want.status != ST_OK) return false;
     const uint64_t need = uint64_t{b.BytesPerLine} * static_cast<uint64_t>(b.Height);
     return b.BytesPerLine >= want.bytes_per_line && b.BytesPerLine <= kMaxRowBytes && need <= b.Size;
-}
-
-// Byte offset of pixel column c inside a row.
-constexpr uint64_t column_offset(int32_t bpp, uint32_t c) {
-    const uint64_t x = c;
-    switch (bpp) {
-        case 1: return x >> 3;
-        case 2: return x >> 2;
-        case 3: return (3 * x) >> 3;
-        case 4: return x >> 1;
-        case 5: return (5 * x) >> 3;
-        case 6: return (3 * x) >> 2;
-        case 7: return (7 * x) >> 3;
-        case 12: return x + (x >> 1);
-        case 16: return 2 * x;
-        case 24: return 3 * x;
-        case 32: return 4 * x;
-        case 48: return 6 * x;
-        case 64: return 8 * x;
-        default: return x;
-    }
 }
 
 // A flag bit with no meaning of its own here that survives re-allocation and

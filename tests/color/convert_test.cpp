@@ -597,6 +597,108 @@ TEST(ConvertAltSpace, FormulasOverRandomPixels) {
 // for the large widths; the kernels place their vector groups by address),
 // and leaves the bytes around the conversion buffer alone. The kernel is run
 // directly and through conversion with the tier capped to its own.
+// The two-buffer form writes what the in-place conversion leaves in the
+// buffer's first destination bytes; the destination's bits past its last
+// pixel, the bytes around it and the source stay as they were. Every pair of
+// depths and orders, with and without palettes, bit ranges and alpha, at
+// widths that end anywhere in a byte and across several stages.
+TEST(ConvertTwoBuffers, MatchesInPlaceForEveryPair) {
+    struct Side {
+        int32_t bits;
+        uint32_t order;
+    };
+    std::vector<Side> sides = {{0, CO_GRAY}, {12, CO_GRAY},    {16, CO_BGR},     {16, CO_RGB}, {16, CO_GRAY},
+                               {24, CO_BGR}, {24, CO_RGB},     {24, CO_ALT_BGR}, {32, CO_BGR}, {32, CO_RGB},
+                               {48, CO_RGB}, {48, CO_ALT_BGR}, {64, CO_BGR}};
+    for (int b = 1; b <= 8; ++b) sides.push_back({b, CO_BGR});
+    std::vector<RGBQUAD> pal(256);
+    for (int i = 0; i < 256; ++i) pal[i] = rgb((i * 7) & 255, 255 - i, (i * 29) & 255);
+    constexpr size_t kGuard = 32;
+    int pairs = 0;
+    for (const Side& s : sides)
+        for (const Side& d : sides) {
+            ++pairs;
+            for (int width : {1, 2, 3, 5, 7, 8, 9, 15, 31, 33, 64, 65, 3001}) {
+                const auto seed = static_cast<uint32_t>(pairs * 1000 + width);
+                zk::ConvertRequest rq;
+                rq.width = width;
+                rq.src_bits = s.bits;
+                rq.dst_bits = static_cast<uint32_t>(d.bits);
+                rq.src_order = static_cast<int32_t>(s.order);
+                rq.dst_order = d.order;
+                rq.src_palette = (seed & 1) && s.bits <= 8 ? pal.data() : nullptr;
+                rq.dst_palette = (seed & 2) ? pal.data() : nullptr;
+                rq.flags = (seed & 4 ? CVT_OPAQUE_ALPHA : 0) | (s.order == CO_GRAY && (seed & 8) ? CVT_SRC_RANGE : 0);
+                rq.low_bit = 2;
+                rq.high_bit = s.bits == 12 ? 10 : 13;
+                const size_t size = static_cast<size_t>(Z_CalcConvertSize(width, rq.src_bits, width, rq.dst_bits));
+                const size_t src_len = row_bytes(width, s.bits), dst_len = row_bytes(width, d.bits);
+                const Bytes row = zktest::random_bytes(size, seed);
+
+                Bytes in_place = row;
+                rq.buffer = in_place.data();
+                const int32_t want_status = zk::convert_buffer(rq);
+                const std::string what = std::to_string(s.bits) + "/" + std::to_string(s.order) + " -> " +
+                                         std::to_string(d.bits) + "/" + std::to_string(d.order) + " width " +
+                                         std::to_string(width);
+
+                const Bytes src(row.begin(), row.begin() + static_cast<long>(src_len));
+                const Bytes before = zktest::random_bytes(dst_len + kGuard, seed ^ 0x9E3779B9u);
+                for (const bool stream : {false, true}) {
+                    Bytes source = src, dst = before;
+                    rq.buffer = dst.data();
+                    rq.source = source.data();
+                    if (stream) {
+                        zk::RowConverter converter;
+                        ASSERT_EQ(converter.prepare(rq), want_status) << what;
+                        if (want_status == ST_OK) converter.run(source.data(), dst.data(), true);
+                    } else {
+                        ASSERT_EQ(zk::convert_buffer(rq), want_status) << what;
+                    }
+                    rq.source = nullptr;
+                    ASSERT_EQ(source, src) << what;
+                    if (want_status != ST_OK) {
+                        ASSERT_EQ(dst, before) << what;
+                        continue;
+                    }
+                    Bytes want = before;
+                    std::copy(in_place.begin(), in_place.begin() + static_cast<long>(dst_len), want.begin());
+                    if (const int used = static_cast<int>((int64_t{width} * (d.bits ? d.bits : 8)) % 8)) {
+                        // Fields fill a byte from its top bit; 12-bit samples fill the low nibble first.
+                        const auto keep = static_cast<uint8_t>(d.bits == 12 ? 0xF0 : 0xFF >> used);
+                        want[dst_len - 1] =
+                            static_cast<uint8_t>((want[dst_len - 1] & ~keep) | (before[dst_len - 1] & keep));
+                    }
+                    ASSERT_EQ(dst, want) << what << (stream ? " streamed" : "");
+                }
+            }
+        }
+    EXPECT_EQ(pairs, 21 * 21);
+}
+
+// The pivot carries alpha: the fourth channel of 32- and 64-bit pixels,
+// opaque for every depth without one.
+TEST(PixelLayer, FetchCarriesAlpha) {
+    const Bytes row = zktest::random_bytes(64 * 8, 77);
+    for (int32_t depth = 0; depth <= 64; ++depth) {
+        const zk::FetchFn fetch = zk::fetch_for(depth);
+        ASSERT_EQ(fetch != nullptr, zk::convertible_depth(depth)) << depth;
+        if (!fetch) continue;
+        zk::Plan plan{};
+        plan.src_depth = depth;
+        plan.src_mask = 0xFF;
+        plan.src_nb = 8;
+        zk::Pivot px[64];
+        fetch(plan, row.data(), 0, 64, px);
+        for (uint32_t k = 0; k < 64; ++k) {
+            const uint32_t want = depth == 32   ? row[4 * k + 3] * 257u
+                                  : depth == 64 ? row[8 * k + 6] | uint32_t{row[8 * k + 7]} << 8
+                                                : 0xFFFFu;
+            ASSERT_EQ(px[k].a, want) << "depth " << depth << " pixel " << k;
+        }
+    }
+}
+
 struct FormatBits {
     int32_t bits;
     uint32_t order;
@@ -663,6 +765,18 @@ TEST_P(FastPathTier, EveryEntryMatchesTheGeneralPath) {
             rq.buffer = dispatched.data();
             ASSERT_EQ(zk::convert_buffer(rq), ST_OK);
             ASSERT_EQ(dispatched, general) << name << " width " << width << " through conversion";
+            {
+                // Two buffers: the tier's kernel on staged pieces of the row.
+                const size_t src_len = static_cast<size_t>(width) * (src.bits ? src.bits : 8) / 8;
+                const size_t dst_len = static_cast<size_t>(width) * (dst.bits ? dst.bits : 8) / 8;
+                Bytes source(row.begin(), row.begin() + static_cast<long>(src_len)), out(dst_len + kGuard, 0xC3);
+                zk::RowConverter converter;
+                ASSERT_EQ(converter.prepare(rq), ST_OK);
+                converter.run(source.data(), out.data(), width % 2 == 0);
+                out.resize(dst_len);
+                ASSERT_EQ(out, Bytes(general.begin(), general.begin() + static_cast<long>(dst_len)))
+                    << name << " width " << width << " from a second buffer";
+            }
 
             zk::Plan plan;
             plan.width = static_cast<uint32_t>(width);
