@@ -1,7 +1,7 @@
-// Changing a bitmap's height in place, for every storage kind: conventional
-// mappings are re-mapped, global blocks reallocated, disk files resized and
-// tiles added or dropped. Rows below the new height are dropped; rows added
-// at the bottom are zero.
+// Changing a bitmap's height in place: the resize operation of each storage
+// kind (conventional mappings are re-mapped, global blocks reallocated, disk
+// files resized, tiles added or dropped) and the export over them. Rows
+// below the new height are dropped; rows added at the bottom are zero.
 #include <algorithm>
 #include <cstring>
 
@@ -42,7 +42,11 @@ void drop_tile(st::TileEntry& e, size_t bytes) {
     e = st::TileEntry{nullptr, nullptr, Z_INVALID_FILE, 0};
 }
 
-int32_t change_tiled_height(BitmapHandle& b, int32_t height) {
+}  // namespace
+
+namespace storage {
+
+int32_t resize_tiled(BitmapHandle& b, int32_t height, size_t) {
     st::TileTable* t = st::tile_table(b);
     if (!t || t->RowsPerTile == 0 || t->TileCount == 0) return ST_INVALID_BITMAP;
     const uint32_t rpt = t->RowsPerTile;
@@ -151,18 +155,23 @@ int32_t change_tiled_height(BitmapHandle& b, int32_t height) {
 }
 
 // Global storage: the unlocked block is reallocated, the growth zeroed.
-int32_t change_global_height(BitmapHandle& b, size_t new_size) {
-    pf::BlockHandle grown = pf::block_realloc(b.DataHandle, new_size + b.DataOffset, true);
-    if (!grown) return ST_NO_MEMORY;
-    b.DataHandle = grown;
-    b.Size = new_size;
-    return ST_OK;
+// Conventional storage is re-mapped.
+int32_t resize_memory(BitmapHandle& b, int32_t, size_t new_size) {
+    if (b.Flags & BF_GLOBAL) {
+        pf::BlockHandle grown = pf::block_realloc(b.DataHandle, new_size + b.DataOffset, true);
+        if (!grown) return ST_NO_MEMORY;
+        b.DataHandle = grown;
+        b.Size = new_size;
+        return ST_OK;
+    }
+    const int32_t r = remap_conventional(b, new_size);
+    return r == ST_BAD_PARAM ? ST_NO_MEMORY : r;
 }
 
 // Disk storage: the file is set to the new size. Growth reserves the new
 // blocks first (zeros), so a full disk or the file-size limit is a status
 // here and the file keeps its length and rows.
-int32_t change_disk_height(BitmapHandle& b, size_t new_size) {
+int32_t resize_disk(BitmapHandle& b, int32_t, size_t new_size) {
     const auto file = static_cast<pf::FileHandle>(reinterpret_cast<intptr_t>(b.DataHandle));
     if (new_size > b.Size) {
         const auto old_length = pf::file_seek(file, 0, 2);
@@ -177,7 +186,7 @@ int32_t change_disk_height(BitmapHandle& b, size_t new_size) {
     return ST_OK;
 }
 
-}  // namespace
+}  // namespace storage
 }  // namespace zk
 
 extern "C" int32_t Z_API Z_ChangeBitmapHeight(BitmapHandle* bitmap, int32_t height) {
@@ -193,19 +202,9 @@ extern "C" int32_t Z_API Z_ChangeBitmapHeight(BitmapHandle* bitmap, int32_t heig
     const uint64_t wanted = static_cast<uint64_t>(bitmap->BytesPerLine) * static_cast<uint32_t>(height);
     if (wanted > zk::kMaxImageBytes) return ST_TOO_LARGE;
     const size_t new_size = static_cast<size_t>(wanted);
-    int32_t r;
-    if (bitmap->Flags & BF_TILED) {
-        r = zk::change_tiled_height(*bitmap, height);
-    } else if (bitmap->Flags & BF_GLOBAL) {
-        r = zk::change_global_height(*bitmap, new_size);
-    } else if (bitmap->Flags & BF_MEMORY) {
-        r = zk::storage::remap_conventional(*bitmap, new_size);
-        if (r == ST_BAD_PARAM) r = ST_NO_MEMORY;
-    } else if (bitmap->Flags & BF_DISK) {
-        r = zk::change_disk_height(*bitmap, new_size);
-    } else {
-        r = ST_INVALID_BITMAP;
-    }
+    const zk::storage::KindOps* ops = zk::storage::kind_ops(*bitmap);
+    if (!ops) return ST_INVALID_BITMAP;
+    const int32_t r = ops->resize(*bitmap, height, new_size);
     if (r != ST_OK) return r;
     bitmap->Height = height;
     bitmap->CurRow = 0;

@@ -107,8 +107,8 @@ void disk_release(BitmapHandle& b) {
     b.Flags &= ~BF_DISK;
 }
 
-const KindOps kMemoryOps = {true, memory_fetch, memory_store, memory_map, memory_release};
-const KindOps kDiskOps = {true, disk_fetch, disk_store, disk_map, disk_release};
+const KindOps kMemoryOps = {true, memory_fetch, memory_store, memory_map, memory_release, resize_memory};
+const KindOps kDiskOps = {true, disk_fetch, disk_store, disk_map, disk_release, resize_disk};
 
 std::atomic<const RowStore*> g_run_length{nullptr};
 std::atomic<const RowStore*> g_second_form{nullptr};

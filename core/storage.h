@@ -126,7 +126,16 @@ struct KindOps {
     // piece of memory now (mapping a tile if needed); null otherwise.
     uint8_t* (*map)(BitmapHandle& bitmap, size_t offset, size_t count);
     void (*release)(BitmapHandle& bitmap);
+    // Gives the storage `height` rows (`size` bytes, checked by the caller):
+    // rows below it dropped, rows added at the bottom zero. On failure the
+    // storage and its rows are as they were. Does not change Height.
+    int32_t (*resize)(BitmapHandle& bitmap, int32_t height, size_t size);
 };
+
+// The resize operation of each kind (change_height.cpp).
+int32_t resize_memory(BitmapHandle& bitmap, int32_t height, size_t size);
+int32_t resize_tiled(BitmapHandle& bitmap, int32_t height, size_t size);
+int32_t resize_disk(BitmapHandle& bitmap, int32_t height, size_t size);
 
 // The operations of the bitmap's kind: memory (conventional, global, caller,
 // any BF_MEMORY record that is not tiled or compressed), tiled, disk. Null for

@@ -142,7 +142,7 @@ void tiled_release(BitmapHandle& b) {
 }  // namespace
 
 extern const KindOps kTiledOps;
-const KindOps kTiledOps = {false, tiled_fetch, tiled_store, tiled_map, tiled_release};
+const KindOps kTiledOps = {false, tiled_fetch, tiled_store, tiled_map, tiled_release, resize_tiled};
 
 TileTable* tile_table(const BitmapHandle& b) {
     if (!(b.Flags & BF_TILED)) return nullptr;
