@@ -44,11 +44,6 @@ ZK_KERNEL void store16(uint8_t* p, V16 v) { std::memcpy(p, &v, 16); }
 // store around them where the instruction set can (16-byte aligned
 // addresses) and ask for source lines ahead of their loads: a single thread
 // otherwise stays well short of the memory's speed.
-#if ZK_X86_TIERS && defined(__SSE2__)
-constexpr bool kCanStream = true;
-#else
-constexpr bool kCanStream = false;
-#endif
 constexpr size_t kPrefetchBytes = 2048;
 
 template <bool Stream>
@@ -69,13 +64,6 @@ ZK_KERNEL void ahead(const uint8_t* p) {
     if constexpr (Stream) __builtin_prefetch(p + kPrefetchBytes);
 }
 
-// Pixels before the first whose destination byte is on a 16-byte boundary,
-// for destination pixels of `bytes` bytes (1, 3 or 4).
-inline size_t pixels_to_alignment(const uint8_t* dst, uint32_t bytes) {
-    const auto gap = static_cast<size_t>((16 - reinterpret_cast<uintptr_t>(dst) % 16) % 16);
-    if (bytes == 3) return gap * 11 % 16;  // 3 * 11 = 1 modulo 16
-    return gap / bytes;
-}
 typedef uint16_t W16 __attribute__((vector_size(32)));  // sixteen 16-bit lanes
 
 // Channel C of sixteen 3-byte pixels held in a, b, c (48 bytes).
@@ -169,6 +157,20 @@ ZK_KERNEL V16 swapped_bytes(const uint8_t* p) {
 #define ZK_VECTORS 0
 #endif
 
+#if ZK_VECTORS && ZK_X86_TIERS && defined(__SSE2__)
+constexpr bool kCanStream = true;
+#else
+constexpr bool kCanStream = false;
+#endif
+
+// Pixels before the first whose destination byte is on a 16-byte boundary,
+// for destination pixels of `bytes` bytes (1, 3 or 4).
+inline size_t pixels_to_alignment(const uint8_t* dst, uint32_t bytes) {
+    const auto gap = static_cast<size_t>((16 - reinterpret_cast<uintptr_t>(dst) % 16) % 16);
+    if (bytes == 3) return gap * 11 % 16;  // 3 * 11 = 1 modulo 16
+    return gap / bytes;
+}
+
 template <uint32_t SrcBytes, uint32_t DstBytes, typename Body>
 ZK_KERNEL void by_blocks(uint8_t* row, uint32_t width, Body body) {
     alignas(64) uint8_t local[kBlock * SrcBytes + 16] = {};  // slack for 16-byte loads
@@ -194,6 +196,7 @@ ZK_KERNEL void by_blocks(uint8_t* row, uint32_t width, Body body) {
 // group is loaded before the previous one is stored.
 template <bool Stream = false>
 ZK_KERNEL void swap_bgr24(const uint8_t* src, uint8_t* dst, uint32_t width, size_t head = 1) {
+    (void)head;  // the scalar build swaps every pixel alone
     const size_t bytes = 3 * size_t{width};
     const auto swap_pixel = [src, dst](size_t o) {
         const uint8_t t = src[o];
