@@ -5,7 +5,6 @@
 // `Swap` means that source and destination disagree on whether red comes
 // first, so bytes 0 and 2 change places.
 #include <cstring>
-#include <type_traits>
 #include <utility>
 
 #include "color/convert.h"
@@ -336,32 +335,23 @@ ZK_KERNEL void bgr24_to_gray8(const uint8_t* src, uint8_t* dst, uint32_t width, 
     size_t i = 0;
     for (; i < head && i < width; ++i) one(i);
 #if ZK_VECTORS
-    typedef uint8_t V8 __attribute__((vector_size(8)));
+    // Sixteen gray bytes from three channel registers: in 16-bit lanes the
+    // even pixels are the low bytes and the odd ones the high bytes, so both
+    // are weighed without unpacking and come back interleaved.
     typedef uint16_t W8 __attribute__((vector_size(16)));
-    // Eight gray bytes from the low or high halves of the channel registers.
-    const auto gray_half = [](V16 c0, V16 c1, V16 c2, auto high) {
-        const auto take = [](V16 v) {
-            if constexpr (decltype(high)::value)
-                return __builtin_convertvector(__builtin_shufflevector(v, v, 8, 9, 10, 11, 12, 13, 14, 15), W8);
-            else
-                return __builtin_convertvector(__builtin_shufflevector(v, v, 0, 1, 2, 3, 4, 5, 6, 7), W8);
-        };
-        const W8 w0 = take(c0), w1 = take(c1), w2 = take(c2);
+    const auto gray16 = [](V16 v0, V16 v1, V16 v2) {
+        const W8 w0 = reinterpret_cast<W8&>(v0), w1 = reinterpret_cast<W8&>(v1), w2 = reinterpret_cast<W8&>(v2);
         const W8 r = RedFirst ? w0 : w2, b = RedFirst ? w2 : w0;
-        return __builtin_convertvector((2 * r + 5 * w1 + b + 4) >> 3, V8);
-    };
-    const auto join = [](V8 a, V8 b) {
-        return __builtin_shufflevector(a, b, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+        const W8 even = (2 * (r & 0xFF) + 5 * (w1 & 0xFF) + (b & 0xFF) + 4) >> 3;
+        const W8 odd = (2 * (r >> 8) + 5 * (w1 >> 8) + (b >> 8) + 4) >> 3;
+        const W8 both = even | odd << 8;
+        return reinterpret_cast<const V16&>(both);
     };
     for (; i + 32 <= width; i += 32) {
         ahead<Stream>(src + 3 * i);
         const Channels32 c = split_channels(src + 3 * i);
-        const V16 g0 =
-            join(gray_half(c.c0, c.c2, c.c4, std::false_type()), gray_half(c.c0, c.c2, c.c4, std::true_type()));
-        const V16 g1 =
-            join(gray_half(c.c1, c.c3, c.c5, std::false_type()), gray_half(c.c1, c.c3, c.c5, std::true_type()));
-        put16<Stream>(dst + i, g0);
-        put16<Stream>(dst + i + 16, g1);
+        put16<Stream>(dst + i, gray16(c.c0, c.c2, c.c4));
+        put16<Stream>(dst + i + 16, gray16(c.c1, c.c3, c.c5));
     }
 #endif
     for (; i < width; ++i) one(i);
