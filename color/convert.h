@@ -205,4 +205,13 @@ ZK_FAST_INTO_KERNELS(ZK_NO_INTO_KERNEL)
 
 constexpr uint32_t gray8(uint32_t r, uint32_t g, uint32_t b) { return (2 * r + 5 * g + b + 4) >> 3; }
 
+// One 3-byte pixel from s to d (the same pixel, or pixels that do not
+// overlap) with bytes 0 and 2 exchanged: the ends of the vector kernels.
+inline void swap_pixel24(const uint8_t* s, uint8_t* d) {
+    const uint8_t t = s[0];
+    d[0] = s[2];
+    d[1] = s[1];
+    d[2] = t;
+}
+
 }  // namespace zk

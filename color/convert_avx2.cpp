@@ -143,12 +143,7 @@ inline SwapGroup load_swapped(const uint8_t* p) {
 template <bool Stream = false>
 void swap_bgr24(const uint8_t* src, uint8_t* dst, uint32_t width, size_t head = 1) {
     const size_t bytes = 3 * size_t{width};
-    const auto swap_pixel = [src, dst](size_t o) {
-        const uint8_t t = src[o];
-        dst[o] = src[o + 2];
-        dst[o + 1] = src[o + 1];
-        dst[o + 2] = t;
-    };
+    const auto swap_pixel = [src, dst](size_t o) { swap_pixel24(src + o, dst + o); };
     size_t o = 0;
     if (width >= head + 33) {
         for (; o < 3 * head; o += 3) swap_pixel(o);

@@ -197,12 +197,7 @@ template <bool Stream = false>
 ZK_KERNEL void swap_bgr24(const uint8_t* src, uint8_t* dst, uint32_t width, size_t head = 1) {
     (void)head;  // the scalar build swaps every pixel alone
     const size_t bytes = 3 * size_t{width};
-    const auto swap_pixel = [src, dst](size_t o) {
-        const uint8_t t = src[o];
-        dst[o] = src[o + 2];
-        dst[o + 1] = src[o + 1];
-        dst[o + 2] = t;
-    };
+    const auto swap_pixel = [src, dst](size_t o) { swap_pixel24(src + o, dst + o); };
     size_t o = 0;
 #if ZK_VECTORS
     if (bytes >= 3 * head + 48 + 2) {
