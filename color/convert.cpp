@@ -8,6 +8,7 @@
 #include <iterator>
 
 #include "color/palette.h"
+#include "core/platform/streaming.h"
 #include "core/platform/x86_intrinsics.h"
 
 namespace zk {
@@ -72,31 +73,6 @@ void copy_bits(const uint8_t* src, uint8_t* dst, uint64_t bits) {
         const auto keep = static_cast<uint8_t>(0xFFu >> rest);
         dst[whole] = static_cast<uint8_t>((src[whole] & ~keep) | (dst[whole] & keep));
     }
-}
-
-// Writes n bytes to dst; with `stream`, around the caches where the
-// processor has non-temporal stores (the caller fences).
-void write_out(uint8_t* dst, const uint8_t* src, size_t n, bool stream) {
-#if ZK_X86_TIERS && defined(__SSE2__)
-    if (stream && n >= 64) {
-        const size_t head = (16 - reinterpret_cast<uintptr_t>(dst) % 16) % 16;
-        std::memcpy(dst, src, head);
-        size_t i = head;
-        for (; i + 16 <= n; i += 16)
-            _mm_stream_si128(reinterpret_cast<__m128i*>(dst + i),
-                             _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i)));
-        std::memcpy(dst + i, src + i, n - i);
-        return;
-    }
-#endif
-    (void)stream;
-    std::memcpy(dst, src, n);
-}
-
-void fence_streams() {
-#if ZK_X86_TIERS && defined(__SSE2__)
-    _mm_sfence();
-#endif
 }
 
 // Palette mapping of n source entries (absent: index i is gray level i) onto
@@ -409,7 +385,7 @@ void RowConverter::run(const uint8_t* src, uint8_t* dst, bool stream) {
         plan_.stream = stream;
         fast_->into(plan_, src, dst);
         plan_.stream = false;
-        if (stream) fence_streams();
+        if (stream) platform::fence_streams();
         return;
     }
     // Fast kernels convert in place: each stage of pixels is copied into a
@@ -424,10 +400,10 @@ void RowConverter::run(const uint8_t* src, uint8_t* dst, bool stream) {
         std::memcpy(stage_, src + first * src_bytes, size_t{n} * src_bytes);
         plan_.width = n;
         fast_->kernel(plan_, stage_);
-        write_out(dst + first * dst_bytes, stage_, size_t{n} * dst_bytes, stream);
+        platform::write_out(dst + first * dst_bytes, stage_, size_t{n} * dst_bytes, stream);
     }
     plan_.width = static_cast<uint32_t>(width);
-    if (stream) fence_streams();
+    if (stream) platform::fence_streams();
 }
 
 namespace {

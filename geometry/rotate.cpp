@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "bitmap_handle.h"
+#include "core/platform/streaming.h"
 #include "geometry/rotate.h"
 #include "region.h"
 #include "rows/row_stream.h"
@@ -22,16 +23,20 @@ namespace {
 // each destination row; turns that involve tiled or disk storage take bands
 // of tens of MiB so that the destination is walked only a few times while
 // the memory held stays bounded whatever the image size.
-constexpr uint64_t kStripBits = 256 * 8;
-// At most 512 band rows, so that a cache line of each fits the first-level
-// cache while a strip is transposed.
+constexpr uint64_t kStripBits = 1536 * 8;
+// At most 512 band rows, so that the band's columns being transposed stay
+// in the second-level cache.
 constexpr uint64_t kMaxMemoryBand = 512;
 constexpr uint64_t kStreamBand = uint64_t{32} << 20;
 std::atomic<uint64_t> g_stream_band{kStreamBand};
 // The columns of a band being transposed are first copied side by side into
 // a block about this size (at least a cache line per band row), so that the
-// transpose reads from cache whatever the source rows' spacing.
-constexpr uint64_t kChunkBytes = 64 << 10;
+// transpose reads from the second-level cache whatever the source rows'
+// spacing (rows a power of two apart would otherwise share a few sets).
+constexpr uint64_t kChunkBytes = 256 << 10;
+// Results at least this large are written around the caches.
+constexpr uint64_t kStreamBytes = uint64_t{16} << 20;
+std::atomic<uint64_t> g_stream_bytes{kStreamBytes};
 
 inline void prefetch(const uint8_t* p) {
 #if defined(__GNUC__) || defined(__clang__)
@@ -94,17 +99,18 @@ int32_t check_bitmap(const BitmapHandle* b) {
 }
 
 // Transposes bands of source rows into strips of destination rows. Band
-// row k (in destination column order: reversed already for a
-// counter-clockwise turn) becomes destination column c0 + k. The sink says
-// where the strips of destination rows d0 .. d0+g-1 go (begin) and stores
-// them when they were staged (end).
+// row k (in destination column order: already reversed for a clockwise
+// turn) becomes destination column c0 + k. The sink says where the strips
+// of destination rows d0 .. d0+g-1 are transposed to (begin) and stores
+// them from there (end).
 class BandTurn {
 public:
     BandTurn(int32_t bpp, uint32_t width, uint32_t band) : bpp_(bpp), width_(width), band_(band) {
+        const uint32_t group = strip_group(bpp);
         uint64_t per_row = kChunkBytes / band;
         if (per_row < 64) per_row = 64;
-        uint64_t px = (per_row * 8 / static_cast<uint32_t>(bpp)) & ~uint64_t{7};
-        if (px < 8) px = 8;
+        uint64_t px = (per_row * 8 / static_cast<uint32_t>(bpp)) & ~uint64_t{group - 1};
+        if (px < group) px = group;
         const uint64_t all = (uint64_t{width} + 7) & ~uint64_t{7};
         chunk_px_ = static_cast<uint32_t>(px < all ? px : all);
         chunk_row_ = strip_of(bpp, 0, chunk_px_).bytes;
@@ -113,7 +119,8 @@ public:
     int32_t init() { return chunk_.alloc(uint64_t{band_} * chunk_row_ + 8, true) ? ST_OK : ST_NO_MEMORY; }
     template <typename Sink>
     int32_t run(const uint8_t* const* rows, uint32_t n, Sink& sink) {
-        uint8_t* out[8];
+        const uint32_t group = strip_group(bpp_);
+        uint8_t* out[64];
         for (uint32_t d = 0; d < width_; d += chunk_px_) {
             const uint32_t c = width_ - d < chunk_px_ ? width_ - d : chunk_px_;
             const Strip part = strip_of(bpp_, d, c);
@@ -126,12 +133,11 @@ public:
                 for (uint32_t k = 0; k < n; ++k)
                     for (size_t at = 0; at < next.bytes; at += 64) prefetch(rows[k] + next.offset + at);
             }
-            for (uint32_t d0 = d; d0 < d + c; d0 += 8) {
-                const uint32_t g = d + c - d0 < 8 ? d + c - d0 : 8;
-                int32_t r = sink.begin(d0, g, out);
-                if (r != ST_OK) return r;
+            for (uint32_t d0 = d; d0 < d + c; d0 += group) {
+                const uint32_t g = d + c - d0 < group ? d + c - d0 : group;
+                sink.begin(d0, g, out);
                 transpose_strip(bpp_, chunk_.as<uint8_t>(), chunk_row_, n, d0 - d, g, out);
-                if ((r = sink.end(d0, g, out)) != ST_OK) return r;
+                if (const int32_t r = sink.end(d0, g, out); r != ST_OK) return r;
             }
         }
         return ST_OK;
@@ -144,49 +150,62 @@ private:
     Buffer chunk_;
 };
 
-// Strips written straight into rows of memory: a packed buffer, or a
-// bitmap whose storage is one addressable block.
-struct DirectSink {
-    uint8_t* base;  // null: ask the bitmap's kind for each row
-    BitmapHandle* bitmap;
-    const storage::KindOps* ops;
-    uint64_t stride;
-    Strip strip;
-    int32_t begin(uint32_t d0, uint32_t g, uint8_t** out) {
-        for (uint32_t a = 0; a < g; ++a) {
-            const size_t at = static_cast<size_t>((d0 + a) * stride) + strip.offset;
-            out[a] = base ? base + at : ops ? ops->map(*bitmap, at, strip.bytes) : nullptr;
-            if (!out[a]) return ST_NO_MEMORY;
-        }
-        return ST_OK;
-    }
-    int32_t end(uint32_t, uint32_t, uint8_t* const*) { return ST_OK; }
-};
+// Where the strips go. A group of strips is transposed into a stage small
+// enough to stay in the first-level cache, then each strip is stored whole:
+// straight into addressable memory (around the caches for large results, so
+// that no destination line is read before it is written), into a tile's
+// view where the kind maps one, else through row access (disk storage).
+struct StripSink {
+    uint8_t* base = nullptr;  // a buffer's pixels; null: ask the bitmap's kind
+    BitmapHandle* bitmap = nullptr;
+    const storage::KindOps* ops = nullptr;
+    uint64_t stride = 0;
+    uint32_t rows = 0;     // destination height
+    bool reverse = false;  // destination row d is rows-1-d (counter-clockwise)
+    bool stream = false;
+    uint8_t* stage = nullptr;
+    size_t stage_row = 0;  // bytes of the widest strip
+    Strip strip{};
+    uint32_t column = 0;   // first destination column of the strip
+    bool partial = false;  // the strip ends inside a byte
+    bool plain = false;    // the bitmap's kind maps every row in place
+    bool direct = false;   // this group is transposed into the rows themselves
 
-// Strips staged and then stored: into a tile's view where the kind maps
-// one, else through row access (disk storage).
-struct StagedSink {
-    BitmapHandle* bitmap;
-    const storage::KindOps* ops;
-    uint64_t stride;
-    Strip strip;
-    uint32_t column;
-    uint8_t* stage;
-    int32_t begin(uint32_t, uint32_t g, uint8_t** out) {
-        for (uint32_t a = 0; a < g; ++a) {
-            out[a] = stage + a * strip.bytes;
-            out[a][strip.bytes - 1] = 0;
-        }
-        return ST_OK;
+    ~StripSink() {
+        if (stream) platform::fence_streams();
     }
-    int32_t end(uint32_t d0, uint32_t g, uint8_t* const* out) {
+    void set_strip(int32_t bpp, uint32_t c0, uint32_t n) {
+        strip = strip_of(bpp, c0, n);
+        column = c0;
+        partial = (uint64_t{c0} + n) * static_cast<uint32_t>(bpp) % 8 != 0;
+    }
+    uint8_t* target(uint32_t d) const {
+        const uint32_t row = reverse ? rows - 1 - d : d;
+        const auto at = static_cast<size_t>(row * stride) + strip.offset;
+        return base ? base + at : ops ? ops->map(*bitmap, at, strip.bytes) : nullptr;
+    }
+    void begin(uint32_t d0, uint32_t g, uint8_t** out) {
+        // Results that stay in the caches are transposed in place where
+        // every row of the group can be addressed.
+        direct = !stream && (base || plain);
+        for (uint32_t a = 0; direct && a < g; ++a) direct = (out[a] = target(d0 + a)) != nullptr;
+        if (direct) return;
         for (uint32_t a = 0; a < g; ++a) {
-            const size_t at = static_cast<size_t>((d0 + a) * stride) + strip.offset;
-            if (uint8_t* q = ops ? ops->map(*bitmap, at, strip.bytes) : nullptr) {
-                std::memcpy(q, out[a], strip.bytes);
+            out[a] = stage + a * stage_row;
+            if (partial) {  // the bits past the strip keep what they hold, where that can be read
+                const uint8_t* q = target(d0 + a);
+                out[a][strip.bytes - 1] = q ? q[strip.bytes - 1] : 0;
+            }
+        }
+    }
+    int32_t end(uint32_t d0, uint32_t g, uint8_t* const* out) const {
+        for (uint32_t a = 0; !direct && a < g; ++a) {
+            if (uint8_t* q = target(d0 + a)) {
+                platform::write_out(q, out[a], strip.bytes, stream);
                 continue;
             }
-            const int32_t put = Z_PutBitmapRowCol(bitmap, out[a], d0 + a, column, static_cast<uint32_t>(strip.bytes));
+            const uint32_t row = reverse ? rows - 1 - (d0 + a) : d0 + a;
+            const int32_t put = Z_PutBitmapRowCol(bitmap, out[a], row, column, static_cast<uint32_t>(strip.bytes));
             if (put != static_cast<int32_t>(strip.bytes)) return put < 0 ? put : ST_FILE_WRITE;
         }
         return ST_OK;
@@ -209,48 +228,47 @@ int32_t turn_quarter(BitmapHandle& src, bool cw, rows::Replacement& rep) {
     uint32_t band =
         src_plain && dst_plain ? memory_band(src_bpl, bpp) : band_rows(src_bpl, bpp, g_stream_band.load(), 0);
     if (band > h) band = (h + 7) & ~7u;
-    const bool copy_rows = !src_plain || !cw;
+    // Rows of the other kinds are only in place until the next one is read.
+    const bool copy_rows = !src_plain;
 
     Buffer rows_buf, ptrs_buf, stage_buf;
     BandTurn turn(bpp, w, band);
     if ((r = turn.init()) != ST_OK) return r;
     if (!ptrs_buf.alloc(uint64_t{band} * sizeof(const uint8_t*), false)) return ST_NO_MEMORY;
     if (copy_rows && !rows_buf.alloc(uint64_t{band} * src_bpl, true)) return ST_NO_MEMORY;
-    if (!dst_plain && !stage_buf.alloc(uint64_t{8} * strip_of(bpp, 0, band).bytes, true)) return ST_NO_MEMORY;
+    const size_t stage_row = strip_of(bpp, 0, band).bytes;
+    if (!stage_buf.alloc(uint64_t{strip_group(bpp)} * stage_row, true)) return ST_NO_MEMORY;
     const uint8_t** rowp = ptrs_buf.as<const uint8_t*>();
 
     rows::RowStream in(src);
     rows::RowStream out(dst);  // holds the destination locked
-    const storage::KindOps* ops = storage::kind_ops(dst);
     Progress progress(h);
     if ((r = progress.start()) != ST_OK) return r;
+    StripSink sink;
+    sink.bitmap = &dst;
+    sink.ops = storage::kind_ops(dst);
+    sink.stride = dst.BytesPerLine;
+    sink.rows = w;
+    sink.reverse = !cw;
+    sink.plain = dst_plain;
+    sink.stream = dst_plain && dst.Size >= g_stream_bytes.load();
+    sink.stage = stage_buf.as<uint8_t>();
+    sink.stage_row = stage_row;
 
     for (uint32_t c0 = 0; c0 < h; c0 += band) {
         const uint32_t n = h - c0 < band ? h - c0 : band;
         for (uint32_t k = 0; k < n; ++k) {
-            const uint32_t row = cw ? h - 1 - (c0 + k) : c0 + k;
-            const uint8_t* p = in.read(row);
+            const uint8_t* p = in.read(cw ? h - 1 - (c0 + k) : c0 + k);
             if (!p) return in.status();
-            if (!copy_rows) {
-                rowp[k] = p;
-                continue;
-            }
-            uint8_t* q = rows_buf.as<uint8_t>() + size_t{k} * src_bpl;
-            if (cw)
+            if (copy_rows) {
+                uint8_t* q = rows_buf.as<uint8_t>() + size_t{k} * src_bpl;
                 std::memcpy(q, p, src_bpl);
-            else
-                mirror_row(p, q, w, bpp);
-            rowp[k] = q;
+                p = q;
+            }
+            rowp[k] = p;
         }
-        const Strip strip = strip_of(bpp, c0, n);
-        if (dst_plain) {
-            DirectSink sink{nullptr, &dst, ops, dst.BytesPerLine, strip};
-            r = turn.run(rowp, n, sink);
-        } else {
-            StagedSink sink{&dst, ops, dst.BytesPerLine, strip, c0, stage_buf.as<uint8_t>()};
-            r = turn.run(rowp, n, sink);
-        }
-        if (r != ST_OK) return r;
+        sink.set_strip(bpp, c0, n);
+        if ((r = turn.run(rowp, n, sink)) != ST_OK) return r;
         for (uint32_t k = 0; k < n; ++k)
             if ((r = progress.step()) != ST_OK) return r;
     }
@@ -320,6 +338,7 @@ int32_t check_buffer(const void* src, const void* dst, int32_t width, int32_t he
 }  // namespace
 
 void set_stream_band_for_testing(uint64_t bytes) { g_stream_band = bytes ? bytes : kStreamBand; }
+void set_stream_results_for_testing(uint64_t bytes) { g_stream_bytes = bytes ? bytes : kStreamBytes; }
 
 }  // namespace zk::rotate
 
@@ -358,22 +377,24 @@ Z_EXPORT int32_t Z_API Z_RotateBuffer90(const uint8_t* src, uint8_t* dst, int32_
     uint32_t band = memory_band(src_bpl, bitsPerPixel);
     if (band > h) band = (h + 7) & ~7u;
     BandTurn turn(bitsPerPixel, w, band);
-    Buffer rows_buf, ptrs_buf;
-    if (turn.init() != ST_OK || !ptrs_buf.alloc(uint64_t{band} * sizeof(const uint8_t*), false)) return ST_NO_MEMORY;
-    if (!cw && !rows_buf.alloc(uint64_t{band} * src_bpl, true)) return ST_NO_MEMORY;
+    Buffer ptrs_buf, stage_buf;
+    const size_t stage_row = strip_of(bitsPerPixel, 0, band).bytes;
+    if (turn.init() != ST_OK || !ptrs_buf.alloc(uint64_t{band} * sizeof(const uint8_t*), false) ||
+        !stage_buf.alloc(uint64_t{strip_group(bitsPerPixel)} * stage_row, true))
+        return ST_NO_MEMORY;
     const uint8_t** rowp = ptrs_buf.as<const uint8_t*>();
+    StripSink sink;
+    sink.base = dst;
+    sink.stride = dst_bpl;
+    sink.rows = w;
+    sink.reverse = !cw;
+    sink.stream = uint64_t{dst_bpl} * w >= g_stream_bytes.load();
+    sink.stage = stage_buf.as<uint8_t>();
+    sink.stage_row = stage_row;
     for (uint32_t c0 = 0; c0 < h; c0 += band) {
         const uint32_t n = h - c0 < band ? h - c0 : band;
-        for (uint32_t k = 0; k < n; ++k) {
-            if (cw) {
-                rowp[k] = src + size_t{h - 1 - (c0 + k)} * src_bpl;
-            } else {
-                uint8_t* q = rows_buf.as<uint8_t>() + size_t{k} * src_bpl;
-                mirror_row(src + size_t{c0 + k} * src_bpl, q, w, bitsPerPixel);
-                rowp[k] = q;
-            }
-        }
-        DirectSink sink{dst, nullptr, nullptr, dst_bpl, strip_of(bitsPerPixel, c0, n)};
+        for (uint32_t k = 0; k < n; ++k) rowp[k] = src + size_t{cw ? h - 1 - (c0 + k) : c0 + k} * src_bpl;
+        sink.set_strip(bitsPerPixel, c0, n);
         turn.run(rowp, n, sink);
     }
     return ST_OK;

@@ -25,12 +25,16 @@ namespace zk::rotate {
 // src and dst must not overlap.
 void mirror_row(const uint8_t* src, uint8_t* dst, uint32_t width, int32_t bpp);
 
-// Destination rows d0 .. d0+g-1 (g <= 8, d0 a multiple of 8): out[a] is
-// where the strip of row d0+a starts; strip pixel k becomes pixel d0+a of
-// band row k, for k < n. The band rows lie `stride` bytes apart from
-// `band`, and reads may run up to 8 bytes past the last one's pixels. Bits
-// after the last strip pixel in its byte are cleared at 1 and 4 bits per
-// pixel and kept at other depths.
+// Destination rows a strip transpose takes at once: 64 at 1 bit (eight
+// bytes of each band row), 8 at other depths.
+constexpr uint32_t strip_group(int32_t bpp) { return bpp == 1 ? 64 : 8; }
+
+// Destination rows d0 .. d0+g-1 (g <= strip_group(bpp), d0 a multiple of
+// 8): out[a] is where the strip of row d0+a starts; strip pixel k becomes
+// pixel d0+a of band row k, for k < n. The band rows lie `stride` bytes
+// apart from `band`, and reads may run up to 8 bytes past the last one's
+// pixels. Bits after the last strip pixel in its byte are cleared at 1 and
+// 4 bits per pixel and kept at other depths.
 void transpose_strip(int32_t bpp, const uint8_t* band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
                      uint8_t* const* out);
 
@@ -42,5 +46,10 @@ uint32_t band_rows(uint64_t row_bytes, int32_t bpp, uint64_t budget, uint64_t ma
 // Test only: the band memory of turns that involve tiled or disk storage
 // (0 restores the default), so that small images take many bands.
 void set_stream_band_for_testing(uint64_t bytes);
+
+// Test only: memory results at least this large are staged and written
+// around the caches (0 restores the default), so that small images take
+// that path too.
+void set_stream_results_for_testing(uint64_t bytes);
 
 }  // namespace zk::rotate

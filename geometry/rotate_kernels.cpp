@@ -6,6 +6,10 @@
 #include "bitmap_handle.h"
 #include "geometry/rotate.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace zk::rotate {
 namespace {
 
@@ -139,14 +143,38 @@ inline uint64_t transpose8x8_bits(uint64_t x) {
     return x;
 }
 
-// The band is n rows of `stride` bytes from `band`; reads may run up to 8
-// bytes past a row's pixels (the band block has that slack).
-void transpose1(const uint8_t* __restrict band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
-                uint8_t* const* out) {
-    const uint8_t* col = band + (d0 >> 3);
-    uint8_t* o[8];
-    for (uint32_t a = 0; a < g; ++a) o[a] = out[a];
-    uint32_t k = 0;
+#if defined(__SSE2__)
+// 16 x 8 bytes: r[i] holds 8 bytes of row i in its low half; afterwards
+// x[c] holds byte c of rows 0..15. Four rounds of interleaves, each pairing
+// units twice as wide as the last.
+inline void transpose16x8(const __m128i (&r)[16], __m128i (&x)[8]) {
+    __m128i t[8], u[8], v[8];
+#pragma GCC unroll 8
+    for (int j = 0; j < 8; ++j) t[j] = _mm_unpacklo_epi8(r[2 * j], r[2 * j + 1]);
+#pragma GCC unroll 8
+    for (int p = 0; p < 4; ++p) {  // 32-bit unit c of u[2p+h]: rows 4p..4p+3 of column 4h+c
+        u[2 * p] = _mm_unpacklo_epi16(t[2 * p], t[2 * p + 1]);
+        u[2 * p + 1] = _mm_unpackhi_epi16(t[2 * p], t[2 * p + 1]);
+    }
+#pragma GCC unroll 8
+    for (int q = 0; q < 2; ++q)  // 64-bit units of v[4q+2h+s]: rows 8q..8q+7 of columns 4h+2s, 4h+2s+1
+#pragma GCC unroll 8
+        for (int h = 0; h < 2; ++h) {
+            v[4 * q + 2 * h] = _mm_unpacklo_epi32(u[4 * q + h], u[4 * q + 2 + h]);
+            v[4 * q + 2 * h + 1] = _mm_unpackhi_epi32(u[4 * q + h], u[4 * q + 2 + h]);
+        }
+#pragma GCC unroll 8
+    for (int i = 0; i < 4; ++i) {
+        x[2 * i] = _mm_unpacklo_epi64(v[i], v[4 + i]);
+        x[2 * i + 1] = _mm_unpackhi_epi64(v[i], v[4 + i]);
+    }
+}
+#endif
+
+// One byte column of the band (eight destination rows, g <= 8) from band
+// row `k` on; k a multiple of 8.
+void transpose1_column(const uint8_t* __restrict col, size_t stride, uint32_t k, uint32_t n, uint32_t g,
+                       uint8_t* const* o) {
     // 64 band rows at a time: eight 8 x 8 transposes give 8 bytes of each
     // destination row, stored as one word.
     for (; k + 64 <= n; k += 64) {
@@ -173,12 +201,84 @@ void transpose1(const uint8_t* __restrict band, size_t stride, uint32_t n, uint3
     }
 }
 
+// The band is n rows of `stride` bytes from `band`; reads may run up to 8
+// bytes past a row's pixels (the band block has that slack).
+void transpose1(const uint8_t* __restrict band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
+                uint8_t* const* out) {
+    const uint8_t* col = band + (d0 >> 3);
+    uint32_t k = 0;
+#if defined(__SSE2__)
+    if (g == 64) {
+        // 16 band rows by 8 bytes, transposed so that each vector holds one
+        // byte column of the 16 rows; the top bit of its bytes is then one
+        // destination row's 16 pixels, taken by a byte mask and shifted out
+        // a bit at a time. The rows enter in reverse within each half so
+        // that the mask's low byte has the first row in its top bit.
+        // 64 band rows at a time, so that each destination row takes one
+        // 8-byte store: four masks side by side.
+        for (; k + 64 <= n; k += 64) {
+            __m128i x[4][8];
+            for (uint32_t q = 0; q < 4; ++q) {
+                __m128i r[16];
+#pragma GCC unroll 16
+                for (uint32_t i = 0; i < 16; ++i)
+                    r[i] = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(col + (k + 16 * q + (i ^ 7)) * stride));
+                transpose16x8(r, x[q]);
+            }
+            for (uint32_t c = 0; c < 8; ++c) {
+                __m128i v0 = x[0][c], v1 = x[1][c], v2 = x[2][c], v3 = x[3][c];
+#pragma GCC unroll 8
+                for (uint32_t b = 0; b < 8; ++b) {
+                    const uint64_t m = uint64_t{static_cast<uint16_t>(_mm_movemask_epi8(v0))} |
+                                       uint64_t{static_cast<uint16_t>(_mm_movemask_epi8(v1))} << 16 |
+                                       uint64_t{static_cast<uint16_t>(_mm_movemask_epi8(v2))} << 32 |
+                                       uint64_t{static_cast<uint16_t>(_mm_movemask_epi8(v3))} << 48;
+                    store_le64(out[8 * c + b] + (k >> 3), m);
+                    v0 = _mm_add_epi8(v0, v0);
+                    v1 = _mm_add_epi8(v1, v1);
+                    v2 = _mm_add_epi8(v2, v2);
+                    v3 = _mm_add_epi8(v3, v3);
+                }
+            }
+        }
+        for (; k + 16 <= n; k += 16) {
+            __m128i r[16], x[8];
+#pragma GCC unroll 16
+            for (uint32_t i = 0; i < 16; ++i)
+                r[i] = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(col + (k + (i ^ 7)) * stride));
+            transpose16x8(r, x);
+            for (uint32_t c = 0; c < 8; ++c) {
+                __m128i v = x[c];
+#pragma GCC unroll 8
+                for (uint32_t b = 0; b < 8; ++b) {
+                    const auto m = static_cast<uint16_t>(_mm_movemask_epi8(v));
+                    v = _mm_add_epi8(v, v);
+                    std::memcpy(out[8 * c + b] + (k >> 3), &m, 2);
+                }
+            }
+        }
+    }
+#endif
+    for (uint32_t j = 0; j * 8 < g; ++j)
+        transpose1_column(col + j, stride, k, n, g - 8 * j < 8 ? g - 8 * j : 8, out + 8 * j);
+}
+
 void transpose8(const uint8_t* __restrict band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
                 uint8_t* const* out) {
     uint8_t* o[8];
     for (uint32_t a = 0; a < g; ++a) o[a] = out[a];
     uint32_t k = 0;
     if (g == 8) {
+#if defined(__SSE2__)
+        for (; k + 16 <= n; k += 16) {
+            const uint8_t* p = band + k * stride + d0;
+            __m128i r[16], x[8];
+#pragma GCC unroll 16
+            for (uint32_t i = 0; i < 16; ++i) r[i] = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + i * stride));
+            transpose16x8(r, x);
+            for (int a = 0; a < 8; ++a) _mm_storeu_si128(reinterpret_cast<__m128i*>(o[a] + k), x[a]);
+        }
+#endif
         for (; k + 8 <= n; k += 8) {
             const uint8_t* p = band + k * stride + d0;
             uint64_t r[8];
@@ -194,18 +294,28 @@ void transpose8(const uint8_t* __restrict band, size_t stride, uint32_t n, uint3
 template <size_t E>
 void transpose_units(const uint8_t* __restrict band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
                      uint8_t* const* out) {
-    // Whole words where a unit is 3 or 6 bytes: each store spills into the
-    // next unit's place, which the next store overwrites; the last unit of
-    // a strip is stored exactly.
+    // Band row by band row: its g pixels are read together and go to g
+    // strips, so each band row's bytes are read once from a line already in
+    // cache. Whole words where a unit is 3 or 6 bytes: each store spills
+    // into the next unit's place, which the next band row's store
+    // overwrites; the last unit of a strip is stored exactly.
     constexpr size_t W = E == 3 ? 4 : E == 6 ? 8 : E;
-    for (uint32_t a = 0; a < g; ++a) {
-        uint8_t* __restrict o = out[a];
-        const uint8_t* p = band + size_t{d0 + a} * E;
-        uint32_t k = 0;
-        if constexpr (W != E) {
-            for (; k + 1 < n; ++k) std::memcpy(o + size_t{k} * E, p + k * stride, W);
+    uint8_t* o[8];
+    for (uint32_t a = 0; a < g; ++a) o[a] = out[a];
+    const uint8_t* p = band + size_t{d0} * E;
+    uint32_t k = 0;
+    if (g == 8) {
+        for (; k + 1 < n; ++k, p += stride)
+#pragma GCC unroll 8
+            for (uint32_t a = 0; a < 8; ++a) std::memcpy(o[a] + size_t{k} * E, p + a * E, W);
+    }
+    for (; k < n; ++k, p += stride) {
+        for (uint32_t a = 0; a < g; ++a) {
+            if (k + 1 < n)
+                std::memcpy(o[a] + size_t{k} * E, p + a * E, W);
+            else
+                std::memcpy(o[a] + size_t{k} * E, p + a * E, E);
         }
-        for (; k < n; ++k) std::memcpy(o + size_t{k} * E, p + k * stride, E);
     }
 }
 

@@ -150,9 +150,14 @@ TEST(RotateBuffer, QuarterAndHalfTurnsMatchTheModelWithPaddingRules) {
             SCOPED_TRACE(::testing::Message() << bpp << " bits, " << w << " x " << h);
             const Image im = random_image(w, h, bpp, uint32_t(bpp * 1000 + w * 31 + h));
             const auto src = pack(im, bpp, 0x3C);  // padding bits set: never read as pixels
-            for (int cw : {1, 0}) {
+            // Results written in place, and staged then streamed as large ones are.
+            for (int cw_streamed = 0; cw_streamed < 4; ++cw_streamed) {
+                const int cw = cw_streamed & 1;
+                zk::rotate::set_stream_results_for_testing(cw_streamed >> 1);
                 std::vector<uint8_t> dst(stride(h, bpp) * w, 0xA5);
-                ASSERT_EQ(Z_RotateBuffer90(src.data(), dst.data(), cw, w, h, bpp), ST_OK);
+                const int32_t turned = Z_RotateBuffer90(src.data(), dst.data(), cw, w, h, bpp);
+                zk::rotate::set_stream_results_for_testing(0);
+                ASSERT_EQ(turned, ST_OK);
                 ASSERT_TRUE(unpack(dst.data(), h, w, bpp) == turn(im, cw));
                 // Past the pixels: the rest of the last byte is 0 at 1 and 4
                 // bits and kept elsewhere; later bytes are never written.
@@ -257,7 +262,10 @@ TEST(RotateBuffer, Refusals) {
 class RotateBitmap : public ::testing::Test {
 protected:
     void SetUp() override { zk::rotate::set_stream_band_for_testing(64); }  // bands of a few rows
-    void TearDown() override { zk::rotate::set_stream_band_for_testing(0); }
+    void TearDown() override {
+        zk::rotate::set_stream_band_for_testing(0);
+        zk::rotate::set_stream_results_for_testing(0);
+    }
     zktest::ThresholdGuard guard_;
     zktest::PrivateTempDir dir_;
 };
@@ -273,6 +281,8 @@ TEST_F(RotateBitmap, TurnsMatchTheModelAndRoundTripInEveryKindAndDepth) {
             for (const auto& sz : sizes) {
                 if (sz[1] == 300 && kind != Kind::Conventional && kind != Kind::Disk)
                     continue;  // the tall image crosses several bands in memory and on disk
+                // The tall image's memory results staged and streamed as large ones are.
+                zk::rotate::set_stream_results_for_testing(sz[1] == 300 ? 1 : 0);
                 SCOPED_TRACE(::testing::Message()
                              << zktest::kind_name(kind) << ", " << bpp << " bits, " << sz[0] << " x " << sz[1]);
                 BitmapHandle b{};
