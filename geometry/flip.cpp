@@ -56,7 +56,7 @@ public:
 
     int32_t run(bool report) {
         stream_.emplace(bitmap_);
-        if (op_ != RowOp::Mirror && height_ >= 2) {
+        if (op_ != RowOp::Mirror && height_ >= 2 && !stream_->rows_stay_put()) {
             buffer_.reset(static_cast<uint8_t*>(Z_Malloc(bpl_ ? bpl_ : 1)));
             if (!buffer_) return ST_NO_MEMORY;
         }
@@ -126,9 +126,19 @@ private:
     }
 
     // Rows top and bottom change places (each mirrored for a half turn).
-    // Only one row pointer is held at a time: the top row goes into the
-    // buffer first. On failure both rows are as they were.
+    // Where rows stay put the two are exchanged in place; elsewhere only one
+    // row pointer is held at a time: the top row goes into the buffer
+    // first. On failure both rows are as they were.
     int32_t exchange(uint32_t top, uint32_t bottom) {
+        if (stream_->rows_stay_put()) {  // both rows at once, each byte read and written once
+            uint8_t* t = stream_->write(top);
+            uint8_t* q = t ? stream_->write(bottom) : nullptr;
+            if (!q) return failed();
+            swap_bytes(t, q, bpl_);
+            transform(t);
+            transform(q);
+            return ST_OK;
+        }
         uint8_t* a = buffer_.get();
         const uint8_t* t = stream_->read(top);
         if (!t) return failed();

@@ -63,6 +63,11 @@ uint8_t* RowStream::write(uint32_t index, bool fill) {
     return scratch_;
 }
 
+bool RowStream::rows_stay_put() const {
+    return (b_.Flags & BF_MEMORY) && !(b_.Flags & (BF_TILED | BF_COMPRESSED | BF_SUPERCOMPRESSED)) &&
+           storage::kind_ops(b_) != nullptr;
+}
+
 int32_t RowStream::commit() {
     if (pending_ == UINT32_MAX) return ST_OK;
     const uint32_t row = pending_;

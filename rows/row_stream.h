@@ -41,6 +41,10 @@ public:
     uint8_t* write(uint32_t index, bool fill = false);
     // Stores the row last given by write() when it was a scratch row.
     int32_t commit();
+    // True when every row is addressed in place and its pointer stays valid
+    // for the stream's life (memory kinds other than tiled), so that several
+    // rows can be worked on at once.
+    bool rows_stay_put() const;
 
 private:
     uint8_t* direct(uint32_t index);
