@@ -19,14 +19,11 @@
 namespace zk::rotate {
 namespace {
 
-// Band sizes. Memory turns take bands whose strips are a few cache lines of
-// each destination row; turns that involve tiled or disk storage take bands
-// of tens of MiB so that the destination is walked only a few times while
-// the memory held stays bounded whatever the image size.
-constexpr uint64_t kStripBits = 1536 * 8;
-// At most 512 band rows, so that the band's columns being transposed stay
-// in the second-level cache.
-constexpr uint64_t kMaxMemoryBand = 512;
+// Band sizes. Memory turns take square tiles (see memory_band) of at most
+// 1024 band rows; turns that involve tiled or disk storage take bands of
+// tens of MiB so that the destination is walked only a few times while the
+// memory held stays bounded whatever the image size.
+constexpr uint64_t kMaxMemoryBand = 1024;
 constexpr uint64_t kStreamBand = uint64_t{32} << 20;
 std::atomic<uint64_t> g_stream_band{kStreamBand};
 // The columns of a band being transposed are first copied side by side into
@@ -38,17 +35,15 @@ constexpr uint64_t kChunkBytes = 256 << 10;
 constexpr uint64_t kStreamBytes = uint64_t{16} << 20;
 std::atomic<uint64_t> g_stream_bytes{kStreamBytes};
 
-inline void prefetch(const uint8_t* p) {
-#if defined(__GNUC__) || defined(__clang__)
-    __builtin_prefetch(p);
-#else
-    (void)p;
-#endif
-}
-
-uint32_t memory_band(uint32_t row_bytes, int32_t bpp) {
-    const uint32_t rows = band_rows(row_bytes, bpp, UINT64_MAX, kStripBits);
-    return rows < kMaxMemoryBand ? rows : static_cast<uint32_t>(kMaxMemoryBand);
+// Memory turns take square tiles: the band's strips (what each destination
+// row receives) as long as the pieces read from each band row, so that the
+// reads and the writes both come in runs of several lines while the block
+// of band columns fills the second-level cache.
+uint32_t memory_band(int32_t bpp) {
+    const uint64_t bits = kChunkBytes * 8 / static_cast<uint32_t>(bpp);  // rows x row pixels
+    uint64_t rows = 8;
+    while ((rows + 8) * (rows + 8) <= bits && rows < kMaxMemoryBand) rows += 8;
+    return static_cast<uint32_t>(rows);
 }
 
 // A block from Z_Malloc released on every way out.
@@ -126,13 +121,6 @@ public:
             const Strip part = strip_of(bpp_, d, c);
             for (uint32_t k = 0; k < n; ++k)
                 std::memcpy(chunk_.as<uint8_t>() + k * chunk_row_, rows[k] + part.offset, part.bytes);
-            if (d + c < width_) {
-                // The next part of every band row is on its way while this one
-                // is transposed: too many rows for the hardware to follow.
-                const Strip next = strip_of(bpp_, d + c, width_ - d - c < chunk_px_ ? width_ - d - c : chunk_px_);
-                for (uint32_t k = 0; k < n; ++k)
-                    for (size_t at = 0; at < next.bytes; at += 64) prefetch(rows[k] + next.offset + at);
-            }
             for (uint32_t d0 = d; d0 < d + c; d0 += group) {
                 const uint32_t g = d + c - d0 < group ? d + c - d0 : group;
                 sink.begin(d0, g, out);
@@ -225,8 +213,7 @@ int32_t turn_quarter(BitmapHandle& src, bool cw, rows::Replacement& rep) {
     const bool src_plain = plain_memory(src);
     const bool dst_plain = plain_memory(dst);
     const uint32_t src_bpl = src.BytesPerLine;
-    uint32_t band =
-        src_plain && dst_plain ? memory_band(src_bpl, bpp) : band_rows(src_bpl, bpp, g_stream_band.load(), 0);
+    uint32_t band = src_plain && dst_plain ? memory_band(bpp) : band_rows(src_bpl, g_stream_band.load());
     if (band > h) band = (h + 7) & ~7u;
     // Rows of the other kinds are only in place until the next one is read.
     const bool copy_rows = !src_plain;
@@ -374,7 +361,7 @@ Z_EXPORT int32_t Z_API Z_RotateBuffer90(const uint8_t* src, uint8_t* dst, int32_
     if (width == 0 || height == 0) return ST_OK;
     const uint32_t w = static_cast<uint32_t>(width), h = static_cast<uint32_t>(height);
     const bool cw = clockwise != 0;
-    uint32_t band = memory_band(src_bpl, bitsPerPixel);
+    uint32_t band = memory_band(bitsPerPixel);
     if (band > h) band = (h + 7) & ~7u;
     BandTurn turn(bitsPerPixel, w, band);
     Buffer ptrs_buf, stage_buf;

@@ -39,9 +39,8 @@ void transpose_strip(int32_t bpp, const uint8_t* band, size_t stride, uint32_t n
                      uint8_t* const* out);
 
 // Rows a band may hold: a multiple of 8, at least 8, with band rows of
-// `row_bytes` bytes taking about `budget` bytes and strips of at most
-// `max_strip_bits` bits (0: no limit).
-uint32_t band_rows(uint64_t row_bytes, int32_t bpp, uint64_t budget, uint64_t max_strip_bits);
+// `row_bytes` bytes taking about `budget` bytes.
+uint32_t band_rows(uint64_t row_bytes, uint64_t budget);
 
 // Test only: the band memory of turns that involve tiled or disk storage
 // (0 restores the default), so that small images take many bands.

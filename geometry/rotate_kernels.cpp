@@ -6,6 +6,8 @@
 #include "bitmap_handle.h"
 #include "geometry/rotate.h"
 
+#include "core/platform/x86_intrinsics.h"
+
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
@@ -291,6 +293,63 @@ void transpose8(const uint8_t* __restrict band, size_t stride, uint32_t n, uint3
         for (uint32_t a = 0; a < g; ++a) o[a][k] = band[k * stride + d0 + a];
 }
 
+#if ZK_X86_TIERS
+// 8 x 8 pixels of 3 bytes at a time, from band row *k on: each band row's 24
+// bytes (read as 32) are spread into eight 32-bit lanes, the 8 x 8 lanes
+// are transposed, and each result is packed back to 24 bytes. A strip takes
+// 32-byte stores whose last 8 bytes the next block overwrites, and exact
+// ones where fewer than 3 pixels would follow. Leaves the rest from *k on.
+__attribute__((target("avx2"))) void transpose24_avx2(const uint8_t* p, size_t stride, uint32_t n, uint8_t* const* o,
+                                                      uint32_t* k_io) {
+    const __m256i spread_lanes = _mm256_setr_epi32(0, 1, 2, 0, 3, 4, 5, 0);
+    const __m256i spread = _mm256_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1, 0, 1, 2, -1, 3, 4, 5,
+                                            -1, 6, 7, 8, -1, 9, 10, 11, -1);
+    const __m256i pack = _mm256_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1, 0, 1, 2, 4, 5, 6, 8,
+                                          9, 10, 12, 13, 14, -1, -1, -1, -1);
+    const __m256i pack_lanes = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7);
+    uint32_t k = *k_io;
+    for (; k + 8 <= n; k += 8) {
+        __m256i r[8];
+#pragma GCC unroll 8
+        for (uint32_t i = 0; i < 8; ++i) {
+            const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + (k + i) * stride));
+            r[i] = _mm256_shuffle_epi8(_mm256_permutevar8x32_epi32(v, spread_lanes), spread);
+        }
+        // Lane c of r[i] is pixel c of band row k+i; afterwards lane i of
+        // col[c] is that pixel.
+        __m256i t[8], u[8], col[8];
+#pragma GCC unroll 4
+        for (int h = 0; h < 8; h += 4) {
+            t[h] = _mm256_unpacklo_epi32(r[h], r[h + 1]);
+            t[h + 1] = _mm256_unpackhi_epi32(r[h], r[h + 1]);
+            t[h + 2] = _mm256_unpacklo_epi32(r[h + 2], r[h + 3]);
+            t[h + 3] = _mm256_unpackhi_epi32(r[h + 2], r[h + 3]);
+            u[h] = _mm256_unpacklo_epi64(t[h], t[h + 2]);          // pixels 0 and 4
+            u[h + 1] = _mm256_unpackhi_epi64(t[h], t[h + 2]);      // 1 and 5
+            u[h + 2] = _mm256_unpacklo_epi64(t[h + 1], t[h + 3]);  // 2 and 6
+            u[h + 3] = _mm256_unpackhi_epi64(t[h + 1], t[h + 3]);  // 3 and 7
+        }
+#pragma GCC unroll 4
+        for (int c = 0; c < 4; ++c) {
+            col[c] = _mm256_permute2x128_si256(u[c], u[c + 4], 0x20);
+            col[c + 4] = _mm256_permute2x128_si256(u[c], u[c + 4], 0x31);
+        }
+        const size_t at = size_t{k} * 3;
+#pragma GCC unroll 8
+        for (int a = 0; a < 8; ++a) {
+            const __m256i x = _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(col[a], pack), pack_lanes);
+            if (k + 11 <= n) {
+                _mm256_storeu_si256(reinterpret_cast<__m256i*>(o[a] + at), x);
+            } else {
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(o[a] + at), _mm256_castsi256_si128(x));
+                _mm_storel_epi64(reinterpret_cast<__m128i*>(o[a] + at + 16), _mm256_extracti128_si256(x, 1));
+            }
+        }
+    }
+    *k_io = k;
+}
+#endif
+
 template <size_t E>
 void transpose_units(const uint8_t* __restrict band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
                      uint8_t* const* out) {
@@ -304,6 +363,12 @@ void transpose_units(const uint8_t* __restrict band, size_t stride, uint32_t n, 
     for (uint32_t a = 0; a < g; ++a) o[a] = out[a];
     const uint8_t* p = band + size_t{d0} * E;
     uint32_t k = 0;
+#if ZK_X86_TIERS
+    if (E == 3 && g == 8 && platform::cpu_tier() >= platform::CpuTier::AVX2) {
+        transpose24_avx2(p, stride, n, o, &k);
+        p += size_t{k} * stride;
+    }
+#endif
     if (g == 8) {
         for (; k + 1 < n; ++k, p += stride)
 #pragma GCC unroll 8
@@ -359,12 +424,8 @@ void transpose_strip(int32_t bpp, const uint8_t* band, size_t stride, uint32_t n
     }
 }
 
-uint32_t band_rows(uint64_t row_bytes, int32_t bpp, uint64_t budget, uint64_t max_strip_bits) {
+uint32_t band_rows(uint64_t row_bytes, uint64_t budget) {
     uint64_t rows = row_bytes ? budget / row_bytes : budget;
-    if (max_strip_bits) {
-        const uint64_t by_strip = max_strip_bits / static_cast<uint32_t>(bpp);
-        if (by_strip < rows) rows = by_strip;
-    }
     if (rows > (uint64_t{1} << 30)) rows = uint64_t{1} << 30;
     rows &= ~uint64_t{7};
     return rows < 8 ? 8 : static_cast<uint32_t>(rows);

@@ -6,10 +6,12 @@
 
 #include <climits>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
 #include "../storage/kinds.h"
+#include "core/platform/cpu.h"
 #include "geometry/rotate.h"
 #include "region.h"
 #include "test_support.h"
@@ -142,7 +144,9 @@ int open_files() {
 constexpr uint32_t kKindBits = BF_MEMORY | BF_DISK | BF_TILED | BF_ALLOCATED;
 
 // ---------------------------------------------------------------------------
-TEST(RotateBuffer, QuarterAndHalfTurnsMatchTheModelWithPaddingRules) {
+// Quarter and half turns of buffers at every depth and at odd sizes against
+// the model, with the rules for the bits past the pixels.
+void turn_buffers_against_the_model() {
     const int sizes[][2] = {{1, 1}, {3, 9}, {13, 7}, {17, 33}, {70, 19}, {9, 4133}, {1100, 13}, {600, 70}};
     for (int bpp : kDepths) {
         for (const auto& sz : sizes) {
@@ -182,6 +186,22 @@ TEST(RotateBuffer, QuarterAndHalfTurnsMatchTheModelWithPaddingRules) {
             ASSERT_EQ(Z_RotateBuffer180(in_place.data(), in_place.data(), w, h, bpp), ST_OK);
             ASSERT_EQ(in_place, dst);
         }
+    }
+}
+
+// Every kernel tier the processor has, each held to the model.
+TEST(RotateBuffer, QuarterAndHalfTurnsMatchTheModelWithPaddingRulesInEveryTier) {
+    namespace pf = zk::platform;
+    for (pf::CpuTier tier : pf::kCpuTiers) {
+        if (tier > pf::cpu_tier_supported()) {
+            std::printf("[   NOTE   ] %s turn kernels not tested: this processor lacks it\n", pf::cpu_tier_name(tier));
+            continue;
+        }
+        SCOPED_TRACE(pf::cpu_tier_name(tier));
+        const pf::CpuTier previous = pf::set_cpu_tier_cap(tier);
+        turn_buffers_against_the_model();
+        pf::set_cpu_tier_cap(previous);
+        if (::testing::Test::HasFatalFailure()) return;
     }
 }
 
