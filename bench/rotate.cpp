@@ -27,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "core/platform/cpu.h"
 #include "platform/platform.h"
 #include "zkernel.h"
 
@@ -203,7 +204,8 @@ bool check(BitmapHandle& b, int32_t old_h) {
 
 int run_large(const char* dir) {
     constexpr int32_t kBig = 32768;  // 1 GiB at 8 bits
-    std::printf("processor: %s\n", processor_model().c_str());
+    std::printf("processor: %s, kernel tier: %s\n", processor_model().c_str(),
+                zk::platform::cpu_tier_name(zk::platform::cpu_tier()));
     if (dir) {
         std::wstring wide = zk::platform::from_utf8(std::string(dir) + "/");
         if (Z_SetTempDirectory(wide.c_str()) != ST_OK) {
@@ -254,7 +256,8 @@ int run_large(const char* dir) {
 int main(int argc, char** argv) {
     if (argc >= 2 && std::strcmp(argv[1], "--large") == 0) return run_large(argc >= 3 ? argv[2] : nullptr);
     benchmark::Initialize(&argc, argv);
-    std::printf("processor: %s\n", processor_model().c_str());
+    std::printf("processor: %s, kernel tier: %s\n", processor_model().c_str(),
+                zk::platform::cpu_tier_name(zk::platform::cpu_tier()));
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     reporter.print_ratios();

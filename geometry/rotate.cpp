@@ -156,8 +156,6 @@ struct StripSink {
     Strip strip{};
     uint32_t column = 0;   // first destination column of the strip
     bool partial = false;  // the strip ends inside a byte
-    bool plain = false;    // the bitmap's kind maps every row in place
-    bool direct = false;   // this group is transposed into the rows themselves
 
     ~StripSink() {
         if (stream) platform::fence_streams();
@@ -172,12 +170,7 @@ struct StripSink {
         const auto at = static_cast<size_t>(row * stride) + strip.offset;
         return base ? base + at : ops ? ops->map(*bitmap, at, strip.bytes) : nullptr;
     }
-    void begin(uint32_t d0, uint32_t g, uint8_t** out) {
-        // Results that stay in the caches are transposed in place where
-        // every row of the group can be addressed.
-        direct = !stream && (base || plain);
-        for (uint32_t a = 0; direct && a < g; ++a) direct = (out[a] = target(d0 + a)) != nullptr;
-        if (direct) return;
+    void begin(uint32_t d0, uint32_t g, uint8_t** out) const {
         for (uint32_t a = 0; a < g; ++a) {
             out[a] = stage + a * stage_row;
             if (partial) {  // the bits past the strip keep what they hold, where that can be read
@@ -187,7 +180,7 @@ struct StripSink {
         }
     }
     int32_t end(uint32_t d0, uint32_t g, uint8_t* const* out) const {
-        for (uint32_t a = 0; !direct && a < g; ++a) {
+        for (uint32_t a = 0; a < g; ++a) {
             if (uint8_t* q = target(d0 + a)) {
                 platform::write_out(q, out[a], strip.bytes, stream);
                 continue;
@@ -237,7 +230,6 @@ int32_t turn_quarter(BitmapHandle& src, bool cw, rows::Replacement& rep) {
     sink.stride = dst.BytesPerLine;
     sink.rows = w;
     sink.reverse = !cw;
-    sink.plain = dst_plain;
     sink.stream = dst_plain && dst.Size >= g_stream_bytes.load();
     sink.stage = stage_buf.as<uint8_t>();
     sink.stage_row = stage_row;

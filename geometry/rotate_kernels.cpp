@@ -203,12 +203,76 @@ void transpose1_column(const uint8_t* __restrict col, size_t stride, uint32_t k,
     }
 }
 
+#if ZK_X86_TIERS
+// The 16 x 8 byte transpose on both lanes at once: the low lanes hold band
+// rows k..k+15, the high lanes rows k+16..k+31, each half entering in
+// reverse (as in transpose1), so that lane byte i of x[c] is byte column c
+// of the i-th row in that order.
+__attribute__((target("avx2"), always_inline)) inline void transpose32x8_avx2(const uint8_t* col, size_t stride,
+                                                                              uint32_t k, __m256i (&x)[8]) {
+    __m256i r[16], t[8], u[8], v[8];
+#pragma GCC unroll 16
+    for (uint32_t i = 0; i < 16; ++i) {
+        const __m128i lo = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(col + (k + (i ^ 7)) * stride));
+        const __m128i hi = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(col + (k + 16 + (i ^ 7)) * stride));
+        r[i] = _mm256_inserti128_si256(_mm256_castsi128_si256(lo), hi, 1);
+    }
+#pragma GCC unroll 8
+    for (int j = 0; j < 8; ++j) t[j] = _mm256_unpacklo_epi8(r[2 * j], r[2 * j + 1]);
+#pragma GCC unroll 4
+    for (int p = 0; p < 4; ++p) {
+        u[2 * p] = _mm256_unpacklo_epi16(t[2 * p], t[2 * p + 1]);
+        u[2 * p + 1] = _mm256_unpackhi_epi16(t[2 * p], t[2 * p + 1]);
+    }
+#pragma GCC unroll 2
+    for (int q = 0; q < 2; ++q)
+#pragma GCC unroll 2
+        for (int h = 0; h < 2; ++h) {
+            v[4 * q + 2 * h] = _mm256_unpacklo_epi32(u[4 * q + h], u[4 * q + 2 + h]);
+            v[4 * q + 2 * h + 1] = _mm256_unpackhi_epi32(u[4 * q + h], u[4 * q + 2 + h]);
+        }
+#pragma GCC unroll 4
+    for (int i = 0; i < 4; ++i) {
+        x[2 * i] = _mm256_unpacklo_epi64(v[i], v[4 + i]);
+        x[2 * i + 1] = _mm256_unpackhi_epi64(v[i], v[4 + i]);
+    }
+}
+
+// 64 band rows by 64 destination rows at a time from band row *k on: two
+// masks of 32 rows make each destination row's 8-byte store. Leaves the
+// rest from *k on.
+__attribute__((target("avx2"))) void transpose1_avx2(const uint8_t* col, size_t stride, uint32_t n, uint8_t* const* out,
+                                                     uint32_t* k_io) {
+    uint32_t k = *k_io;
+    for (; k + 64 <= n; k += 64) {
+        __m256i x0[8], x1[8];
+        transpose32x8_avx2(col, stride, k, x0);
+        transpose32x8_avx2(col, stride, k + 32, x1);
+        for (uint32_t c = 0; c < 8; ++c) {
+            __m256i v0 = x0[c], v1 = x1[c];
+#pragma GCC unroll 8
+            for (uint32_t b = 0; b < 8; ++b) {
+                const uint64_t m = uint64_t{static_cast<uint32_t>(_mm256_movemask_epi8(v0))} |
+                                   uint64_t{static_cast<uint32_t>(_mm256_movemask_epi8(v1))} << 32;
+                store_le64(out[8 * c + b] + (k >> 3), m);
+                v0 = _mm256_add_epi8(v0, v0);
+                v1 = _mm256_add_epi8(v1, v1);
+            }
+        }
+    }
+    *k_io = k;
+}
+#endif
+
 // The band is n rows of `stride` bytes from `band`; reads may run up to 8
 // bytes past a row's pixels (the band block has that slack).
 void transpose1(const uint8_t* __restrict band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
                 uint8_t* const* out) {
     const uint8_t* col = band + (d0 >> 3);
     uint32_t k = 0;
+#if ZK_X86_TIERS
+    if (g == 64 && platform::cpu_tier() >= platform::CpuTier::AVX2) transpose1_avx2(col, stride, n, out, &k);
+#endif
 #if defined(__SSE2__)
     if (g == 64) {
         // 16 band rows by 8 bytes, transposed so that each vector holds one
