@@ -279,9 +279,9 @@ void transpose1(const uint8_t* __restrict band, size_t stride, uint32_t n, uint3
         // byte column of the 16 rows; the top bit of its bytes is then one
         // destination row's 16 pixels, taken by a byte mask and shifted out
         // a bit at a time. The rows enter in reverse within each half so
-        // that the mask's low byte has the first row in its top bit.
-        // 64 band rows at a time, so that each destination row takes one
-        // 8-byte store: four masks side by side.
+        // that the mask's low byte has the first row in its top bit. Four
+        // such masks side by side (64 band rows) make each destination
+        // row's 8-byte store.
         for (; k + 64 <= n; k += 64) {
             __m128i x[4][8];
             for (uint32_t q = 0; q < 4; ++q) {
