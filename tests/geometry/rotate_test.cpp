@@ -154,7 +154,7 @@ void turn_buffers_against_the_model() {
             SCOPED_TRACE(::testing::Message() << bpp << " bits, " << w << " x " << h);
             const Image im = random_image(w, h, bpp, uint32_t(bpp * 1000 + w * 31 + h));
             const auto src = pack(im, bpp, 0x3C);  // padding bits set: never read as pixels
-            // Results written in place, and staged then streamed as large ones are.
+            // Results stored with ordinary stores, and around the caches as large ones are.
             for (int cw_streamed = 0; cw_streamed < 4; ++cw_streamed) {
                 const int cw = cw_streamed & 1;
                 zk::rotate::set_stream_results_for_testing(cw_streamed >> 1);
@@ -301,7 +301,7 @@ TEST_F(RotateBitmap, TurnsMatchTheModelAndRoundTripInEveryKindAndDepth) {
             for (const auto& sz : sizes) {
                 if (sz[1] == 300 && kind != Kind::Conventional && kind != Kind::Disk)
                     continue;  // the tall image crosses several bands in memory and on disk
-                // The tall image's memory results staged and streamed as large ones are.
+                // The tall image's memory results go around the caches as large ones do.
                 zk::rotate::set_stream_results_for_testing(sz[1] == 300 ? 1 : 0);
                 SCOPED_TRACE(::testing::Message()
                              << zktest::kind_name(kind) << ", " << bpp << " bits, " << sz[0] << " x " << sz[1]);
