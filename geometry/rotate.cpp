@@ -46,6 +46,10 @@ uint32_t memory_band(int32_t bpp) {
     return static_cast<uint32_t>(rows);
 }
 
+// Strips a stage holds: a group, or every destination row when there are
+// fewer.
+uint32_t stage_rows(int32_t bpp, uint32_t width) { return width < strip_group(bpp) ? width : strip_group(bpp); }
+
 // A block from Z_Malloc released on every way out.
 struct Buffer {
     void* p = nullptr;
@@ -217,7 +221,7 @@ int32_t turn_quarter(BitmapHandle& src, bool cw, rows::Replacement& rep) {
     if (!ptrs_buf.alloc(uint64_t{band} * sizeof(const uint8_t*), false)) return ST_NO_MEMORY;
     if (copy_rows && !rows_buf.alloc(uint64_t{band} * src_bpl, true)) return ST_NO_MEMORY;
     const size_t stage_row = strip_of(bpp, 0, band).bytes;
-    if (!stage_buf.alloc(uint64_t{strip_group(bpp)} * stage_row, true)) return ST_NO_MEMORY;
+    if (!stage_buf.alloc(uint64_t{stage_rows(bpp, w)} * stage_row, true)) return ST_NO_MEMORY;
     const uint8_t** rowp = ptrs_buf.as<const uint8_t*>();
 
     rows::RowStream in(src);
@@ -359,7 +363,7 @@ Z_EXPORT int32_t Z_API Z_RotateBuffer90(const uint8_t* src, uint8_t* dst, int32_
     Buffer ptrs_buf, stage_buf;
     const size_t stage_row = strip_of(bitsPerPixel, 0, band).bytes;
     if (turn.init() != ST_OK || !ptrs_buf.alloc(uint64_t{band} * sizeof(const uint8_t*), false) ||
-        !stage_buf.alloc(uint64_t{strip_group(bitsPerPixel)} * stage_row, true))
+        !stage_buf.alloc(uint64_t{stage_rows(bitsPerPixel, w)} * stage_row, true))
         return ST_NO_MEMORY;
     const uint8_t** rowp = ptrs_buf.as<const uint8_t*>();
     StripSink sink;
