@@ -22,11 +22,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "bench_support.h"
 #include "core/platform/cpu.h"
 #include "platform/platform.h"
 #include "zkernel.h"
@@ -36,14 +36,6 @@ namespace {
 constexpr int32_t kSide = 8192;
 
 size_t stride(int64_t w, int bpp) { return size_t(((w * bpp + 31) / 8) & ~int64_t{3}); }
-
-std::string processor_model() {
-    std::ifstream in("/proc/cpuinfo");
-    std::string line;
-    while (std::getline(in, line))
-        if (line.rfind("model name", 0) == 0) return line.substr(line.find(':') + 2);
-    return "unknown processor";
-}
 
 long peak_rss_mib() {
     rusage u{};
@@ -204,7 +196,7 @@ bool check(BitmapHandle& b, int32_t old_h) {
 
 int run_large(const char* dir) {
     constexpr int32_t kBig = 32768;  // 1 GiB at 8 bits
-    std::printf("processor: %s, kernel tier: %s\n", processor_model().c_str(),
+    std::printf("processor: %s, kernel tier: %s\n", zkbench::processor_model().c_str(),
                 zk::platform::cpu_tier_name(zk::platform::cpu_tier()));
     if (dir) {
         std::wstring wide = zk::platform::from_utf8(std::string(dir) + "/");
@@ -256,7 +248,7 @@ int run_large(const char* dir) {
 int main(int argc, char** argv) {
     if (argc >= 2 && std::strcmp(argv[1], "--large") == 0) return run_large(argc >= 3 ? argv[2] : nullptr);
     benchmark::Initialize(&argc, argv);
-    std::printf("processor: %s, kernel tier: %s\n", processor_model().c_str(),
+    std::printf("processor: %s, kernel tier: %s\n", zkbench::processor_model().c_str(),
                 zk::platform::cpu_tier_name(zk::platform::cpu_tier()));
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
