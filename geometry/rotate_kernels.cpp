@@ -211,11 +211,14 @@ void transpose1_column(const uint8_t* __restrict col, size_t stride, uint32_t k,
 __attribute__((target("avx2"), always_inline)) inline void transpose32x8_avx2(const uint8_t* col, size_t stride,
                                                                               uint32_t k, __m256i (&x)[8]) {
     __m256i r[16], t[8], u[8], v[8];
+    // Row pointers advance by the stride: no multiply per load.
+    const uint8_t* lo_row = col + size_t{k} * stride;
+    const uint8_t* hi_row = lo_row + 16 * stride;
 #pragma GCC unroll 16
-    for (uint32_t i = 0; i < 16; ++i) {
-        const __m128i lo = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(col + (k + (i ^ 7)) * stride));
-        const __m128i hi = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(col + (k + 16 + (i ^ 7)) * stride));
-        r[i] = _mm256_inserti128_si256(_mm256_castsi128_si256(lo), hi, 1);
+    for (uint32_t i = 0; i < 16; ++i, lo_row += stride, hi_row += stride) {
+        const __m128i lo = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(lo_row));
+        const __m128i hi = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(hi_row));
+        r[i ^ 7] = _mm256_inserti128_si256(_mm256_castsi128_si256(lo), hi, 1);
     }
 #pragma GCC unroll 8
     for (int j = 0; j < 8; ++j) t[j] = _mm256_unpacklo_epi8(r[2 * j], r[2 * j + 1]);
@@ -286,9 +289,10 @@ void transpose1(const uint8_t* __restrict band, size_t stride, uint32_t n, uint3
             __m128i x[4][8];
             for (uint32_t q = 0; q < 4; ++q) {
                 __m128i r[16];
+                const uint8_t* row = col + size_t{k + 16 * q} * stride;
 #pragma GCC unroll 16
-                for (uint32_t i = 0; i < 16; ++i)
-                    r[i] = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(col + (k + 16 * q + (i ^ 7)) * stride));
+                for (uint32_t i = 0; i < 16; ++i, row += stride)
+                    r[i ^ 7] = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(row));
                 transpose16x8(r, x[q]);
             }
             for (uint32_t c = 0; c < 8; ++c) {
@@ -309,9 +313,10 @@ void transpose1(const uint8_t* __restrict band, size_t stride, uint32_t n, uint3
         }
         for (; k + 16 <= n; k += 16) {
             __m128i r[16], x[8];
+            const uint8_t* row = col + size_t{k} * stride;
 #pragma GCC unroll 16
-            for (uint32_t i = 0; i < 16; ++i)
-                r[i] = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(col + (k + (i ^ 7)) * stride));
+            for (uint32_t i = 0; i < 16; ++i, row += stride)
+                r[i ^ 7] = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(row));
             transpose16x8(r, x);
             for (uint32_t c = 0; c < 8; ++c) {
                 __m128i v = x[c];
@@ -374,9 +379,10 @@ __attribute__((target("avx2"))) void transpose24_avx2(const uint8_t* p, size_t s
     uint32_t k = *k_io;
     for (; k + 8 <= n; k += 8) {
         __m256i r[8];
+        const uint8_t* row = p + size_t{k} * stride;
 #pragma GCC unroll 8
-        for (uint32_t i = 0; i < 8; ++i) {
-            const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + (k + i) * stride));
+        for (uint32_t i = 0; i < 8; ++i, row += stride) {
+            const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(row));
             r[i] = _mm256_shuffle_epi8(_mm256_permutevar8x32_epi32(v, spread_lanes), spread);
         }
         // Lane c of r[i] is pixel c of band row k+i; afterwards lane i of
