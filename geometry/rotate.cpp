@@ -5,6 +5,7 @@
 // then every destination row receives its strip of the band's columns. The
 // band's columns are transposed a block at a time from a copy that sits in
 // cache, so the spacing of the source rows does not matter.
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 
@@ -35,16 +36,25 @@ constexpr uint64_t kChunkBytes = 256 << 10;
 constexpr uint64_t kStreamBytes = uint64_t{16} << 20;
 std::atomic<uint64_t> g_stream_bytes{kStreamBytes};
 
-// Memory turns take square tiles: the band's strips (what each destination
-// row receives) as long as the pieces read from each band row, so that the
-// reads and the writes both come in runs of several lines while the block
-// of band columns fills the second-level cache.
-uint32_t memory_band(int32_t bpp) {
-    const uint64_t bits = kChunkBytes * 8 / static_cast<uint32_t>(bpp);  // rows x row pixels
+// Side of a square of pixels that fills about `bytes` (a multiple of 8, at
+// least 8, at most kMaxMemoryBand).
+uint32_t square_side(uint64_t bytes, int32_t bpp) {
+    const uint64_t bits = bytes * 8 / static_cast<uint32_t>(bpp);
     uint64_t rows = 8;
     while ((rows + 8) * (rows + 8) <= bits && rows < kMaxMemoryBand) rows += 8;
     return static_cast<uint32_t>(rows);
 }
+
+// Memory turns take square tiles: the band's strips (what each destination
+// row receives) as long as the pieces read from each band row, so that the
+// reads and the writes both come in runs of several lines while the block
+// of band columns fills the second-level cache.
+uint32_t memory_band(int32_t bpp) { return square_side(kChunkBytes, bpp); }
+
+// Side of the tiles of an in-place square turn; 0: the default, tiles of
+// half the block size, since a ring keeps three tile-sized blocks in the
+// second-level cache (the held tile, the band copy and the destination).
+std::atomic<uint32_t> g_square_tile{0};
 
 // Strips a stage holds: a group, or every destination row when there are
 // fewer.
@@ -104,6 +114,7 @@ int32_t check_bitmap(const BitmapHandle* b) {
 // them from there (end).
 class BandTurn {
 public:
+    // `width`: the widest band row a run will be given.
     BandTurn(int32_t bpp, uint32_t width, uint32_t band) : bpp_(bpp), width_(width), band_(band) {
         const uint32_t group = strip_group(bpp);
         uint64_t per_row = kChunkBytes / band;
@@ -118,10 +129,15 @@ public:
     int32_t init() { return chunk_.alloc(uint64_t{band_} * chunk_row_ + 8, true) ? ST_OK : ST_NO_MEMORY; }
     template <typename Sink>
     int32_t run(const uint8_t* const* rows, uint32_t n, Sink& sink) {
+        return run(rows, n, width_, sink);
+    }
+    // Band rows of `width` pixels (at most the constructor's).
+    template <typename Sink>
+    int32_t run(const uint8_t* const* rows, uint32_t n, uint32_t width, Sink& sink) {
         const uint32_t group = strip_group(bpp_);
         uint8_t* out[64];
-        for (uint32_t d = 0; d < width_; d += chunk_px_) {
-            const uint32_t c = width_ - d < chunk_px_ ? width_ - d : chunk_px_;
+        for (uint32_t d = 0; d < width; d += chunk_px_) {
+            const uint32_t c = width - d < chunk_px_ ? width - d : chunk_px_;
             const Strip part = strip_of(bpp_, d, c);
             for (uint32_t k = 0; k < n; ++k)
                 std::memcpy(chunk_.as<uint8_t>() + k * chunk_row_, rows[k] + part.offset, part.bytes);
@@ -197,6 +213,54 @@ struct StripSink {
     }
 };
 
+// Quarter turns of blocks of pixels between addressable rows: w x h pixels
+// whose rows lie src_stride bytes apart become h x w pixels whose rows lie
+// dst_stride bytes apart. Blocks start on a byte; source and destination do
+// not overlap. Everything it needs is allocated by init, so that run cannot
+// fail.
+class MemoryTurn {
+public:
+    // Blocks at most max_w x max_h; `stream`: results go around the caches.
+    MemoryTurn(int32_t bpp, uint32_t max_w, uint32_t max_h, bool stream)
+        : bpp_(bpp), band_(clamp_band(memory_band(bpp), max_h)), turn_(bpp, max_w, band_) {
+        stage_row_ = strip_of(bpp, 0, band_).bytes;
+        stage_rows_ = stage_rows(bpp, max_w);
+        sink_.stream = stream;
+    }
+    int32_t init() {
+        if (turn_.init() != ST_OK || !ptrs_.alloc(uint64_t{band_} * sizeof(const uint8_t*), false) ||
+            !stage_.alloc(uint64_t{stage_rows_} * stage_row_, true))
+            return ST_NO_MEMORY;
+        sink_.stage = stage_.as<uint8_t>();
+        sink_.stage_row = stage_row_;
+        return ST_OK;
+    }
+    void run(const uint8_t* src, size_t src_stride, uint32_t w, uint32_t h, uint8_t* dst, size_t dst_stride, bool cw) {
+        const uint8_t** rowp = ptrs_.as<const uint8_t*>();
+        sink_.base = dst;
+        sink_.stride = dst_stride;
+        sink_.rows = w;
+        sink_.reverse = !cw;
+        for (uint32_t c0 = 0; c0 < h; c0 += band_) {
+            const uint32_t n = h - c0 < band_ ? h - c0 : band_;
+            for (uint32_t k = 0; k < n; ++k) rowp[k] = src + size_t{cw ? h - 1 - (c0 + k) : c0 + k} * src_stride;
+            sink_.set_strip(bpp_, c0, n);
+            turn_.run(rowp, n, w, sink_);
+        }
+    }
+
+private:
+    static uint32_t clamp_band(uint32_t band, uint32_t h) { return band > h ? (h + 7) & ~7u : band; }
+
+    int32_t bpp_;
+    uint32_t band_;
+    BandTurn turn_;
+    size_t stage_row_ = 0;
+    uint32_t stage_rows_ = 0;
+    Buffer ptrs_, stage_;
+    StripSink sink_;
+};
+
 // Quarter turn of `src` (stored rows clockwise when cw) into the result of
 // `rep`, which it builds.
 int32_t turn_quarter(BitmapHandle& src, bool cw, rows::Replacement& rep) {
@@ -258,6 +322,83 @@ int32_t turn_quarter(BitmapHandle& src, bool cw, rows::Replacement& rep) {
     return ST_OK;
 }
 
+// A rectangle of a square image: first column and row, columns and rows.
+struct Rect {
+    uint32_t col, row, cols, rows;
+};
+
+// Where a clockwise quarter turn of a side x side image takes r.
+Rect turned(const Rect& r, uint32_t side) { return {side - r.row - r.rows, r.col, r.rows, r.cols}; }
+
+// Quarter turn of a square bitmap in its own storage, tile by tile: each
+// tile of the top-left quadrant and its three images under the turn form a
+// ring of four rectangles whose contents move one place along the ring
+// (the last one's through a copy). Every pixel is read once and written
+// once where it was just read, and no new storage is taken. A ring is
+// complete or untouched, so a stop is undone by moving the finished rings
+// back. The side is a multiple of 16 so that every rectangle starts on a
+// byte at every depth.
+class SquareTurn {
+public:
+    SquareTurn(BitmapHandle& b, uint8_t* pixels)
+        : bpp_(b.BitsPerPixel),
+          side_(static_cast<uint32_t>(b.Width)),
+          tile_(std::min(g_square_tile.load() ? g_square_tile.load() : square_side(kChunkBytes / 2, bpp_), side_ / 2)),
+          pixels_(pixels),
+          stride_(b.BytesPerLine),
+          turn_(bpp_, tile_, tile_, false) {}
+
+    static bool applies(const BitmapHandle& b) { return plain_memory(b) && b.Width == b.Height && b.Width % 16 == 0; }
+    int32_t init() {
+        if (turn_.init() != ST_OK) return ST_NO_MEMORY;
+        hold_row_ = strip_of(bpp_, 0, tile_).bytes;
+        return hold_.alloc(uint64_t{tile_} * hold_row_, false) ? ST_OK : ST_NO_MEMORY;
+    }
+    uint32_t rings() const {
+        const uint32_t per_side = (side_ / 2 + tile_ - 1) / tile_;
+        return per_side * per_side;
+    }
+    // Moves ring i one place clockwise (or back).
+    void ring(uint32_t i, bool cw) {
+        const uint32_t per_side = (side_ / 2 + tile_ - 1) / tile_;
+        const uint32_t x = i % per_side * tile_, y = i / per_side * tile_;
+        Rect r[4];
+        r[0] = {x, y, side_ / 2 - x < tile_ ? side_ / 2 - x : tile_, side_ / 2 - y < tile_ ? side_ / 2 - y : tile_};
+        for (int k = 1; k < 4; ++k) r[k] = turned(r[k - 1], side_);
+        // Clockwise the contents move from r[k] to r[k+1]: r[3] is held
+        // while r[2], r[1] and r[0] move on, then goes to r[0].
+        // Counter-clockwise they move from r[k+1] to r[k].
+        if (cw) {
+            hold(r[3]);
+            for (int k = 2; k >= 0; --k) move(r[k], r[k + 1], true);
+            turn_.run(hold_.as<uint8_t>(), hold_row_, r[3].cols, r[3].rows, at(r[0]), stride_, true);
+        } else {
+            hold(r[0]);
+            for (int k = 1; k < 4; ++k) move(r[k], r[k - 1], false);
+            turn_.run(hold_.as<uint8_t>(), hold_row_, r[0].cols, r[0].rows, at(r[3]), stride_, false);
+        }
+    }
+
+private:
+    uint8_t* at(const Rect& r) const { return pixels_ + size_t{r.row} * stride_ + strip_of(bpp_, r.col, 0).offset; }
+    void hold(const Rect& r) {
+        const size_t bytes = strip_of(bpp_, 0, r.cols).bytes;
+        for (uint32_t k = 0; k < r.rows; ++k)
+            std::memcpy(hold_.as<uint8_t>() + k * hold_row_, at(r) + k * stride_, bytes);
+    }
+    void move(const Rect& from, const Rect& to, bool cw) {
+        turn_.run(at(from), stride_, from.cols, from.rows, at(to), stride_, cw);
+    }
+
+    int32_t bpp_;
+    uint32_t side_, tile_;
+    uint8_t* pixels_;
+    size_t stride_;
+    MemoryTurn turn_;
+    size_t hold_row_ = 0;
+    Buffer hold_;
+};
+
 // Half turn of `src` into the result of `rep`, which it builds.
 int32_t turn_half(BitmapHandle& src, rows::Replacement& rep) {
     int32_t r = rep.build_like(src, src.Width, src.Height, src.BitsPerPixel);
@@ -282,8 +423,34 @@ int32_t turn_half(BitmapHandle& src, rows::Replacement& rep) {
     return ST_OK;
 }
 
+// Quarter turn of a square bitmap in its own storage (SquareTurn); false
+// when its rows are not one block after all, with nothing done.
+bool rotate_square(BitmapHandle& b, bool clockwise, bool cw, int32_t* status) {
+    rows::RowStream stream(b);  // holds global storage locked
+    const uint32_t last = static_cast<uint32_t>(b.Height) - 1;
+    uint8_t* pixels = stream.write(0);
+    if (!pixels || stream.write(last) != pixels + size_t{last} * b.BytesPerLine) return false;
+    SquareTurn turn(b, pixels);
+    const uint32_t rings = turn.rings();
+    Progress progress(rings);
+    int32_t& r = *status;
+    if ((r = turn.init()) != ST_OK || (r = progress.start()) != ST_OK) return true;
+    for (uint32_t i = 0; i < rings; ++i) {
+        turn.ring(i, cw);
+        if ((r = progress.step()) != ST_OK) {
+            for (uint32_t j = 0; j <= i; ++j) turn.ring(j, !cw);
+            return true;
+        }
+    }
+    if ((r = region::rotated(&b, b.Width, b.Height, clockwise ? 9000 : -9000)) != ST_OK)
+        for (uint32_t j = 0; j < rings; ++j) turn.ring(j, !cw);
+    return true;
+}
+
 int32_t rotate_quarter(BitmapHandle& b, bool clockwise) {
     const bool cw = clockwise != mirrored_perspective(b.ViewPerspective);
+    int32_t status = ST_OK;
+    if (SquareTurn::applies(b) && rotate_square(b, clockwise, cw, &status)) return status;
     const int32_t old_w = b.Width, old_h = b.Height;
     rows::Replacement rep;
     int32_t r = turn_quarter(b, cw, rep);
@@ -321,6 +488,7 @@ int32_t check_buffer(const void* src, const void* dst, int32_t width, int32_t he
 }  // namespace
 
 void set_stream_band_for_testing(uint64_t bytes) { g_stream_band = bytes ? bytes : kStreamBand; }
+void set_square_tile_for_testing(uint32_t pixels) { g_square_tile = pixels; }
 void set_stream_results_for_testing(uint64_t bytes) { g_stream_bytes = bytes ? bytes : kStreamBytes; }
 
 }  // namespace zk::rotate
@@ -356,30 +524,9 @@ Z_EXPORT int32_t Z_API Z_RotateBuffer90(const uint8_t* src, uint8_t* dst, int32_
     if (r != ST_OK) return r;
     if (width == 0 || height == 0) return ST_OK;
     const uint32_t w = static_cast<uint32_t>(width), h = static_cast<uint32_t>(height);
-    const bool cw = clockwise != 0;
-    uint32_t band = memory_band(bitsPerPixel);
-    if (band > h) band = (h + 7) & ~7u;
-    BandTurn turn(bitsPerPixel, w, band);
-    Buffer ptrs_buf, stage_buf;
-    const size_t stage_row = strip_of(bitsPerPixel, 0, band).bytes;
-    if (turn.init() != ST_OK || !ptrs_buf.alloc(uint64_t{band} * sizeof(const uint8_t*), false) ||
-        !stage_buf.alloc(uint64_t{stage_rows(bitsPerPixel, w)} * stage_row, true))
-        return ST_NO_MEMORY;
-    const uint8_t** rowp = ptrs_buf.as<const uint8_t*>();
-    StripSink sink;
-    sink.base = dst;
-    sink.stride = dst_bpl;
-    sink.rows = w;
-    sink.reverse = !cw;
-    sink.stream = uint64_t{dst_bpl} * w >= g_stream_bytes.load();
-    sink.stage = stage_buf.as<uint8_t>();
-    sink.stage_row = stage_row;
-    for (uint32_t c0 = 0; c0 < h; c0 += band) {
-        const uint32_t n = h - c0 < band ? h - c0 : band;
-        for (uint32_t k = 0; k < n; ++k) rowp[k] = src + size_t{cw ? h - 1 - (c0 + k) : c0 + k} * src_bpl;
-        sink.set_strip(bitsPerPixel, c0, n);
-        turn.run(rowp, n, sink);
-    }
+    MemoryTurn turn(bitsPerPixel, w, h, uint64_t{dst_bpl} * w >= g_stream_bytes.load());
+    if (turn.init() != ST_OK) return ST_NO_MEMORY;
+    turn.run(src, src_bpl, w, h, dst, dst_bpl, clockwise != 0);
     return ST_OK;
 }
 

@@ -46,6 +46,11 @@ uint32_t band_rows(uint64_t row_bytes, uint64_t budget);
 // (0 restores the default), so that small images take many bands.
 void set_stream_band_for_testing(uint64_t bytes);
 
+// Test only: the side of the tiles a square bitmap is turned in, in its own
+// storage (a multiple of 8; 0 restores the default), so that small images
+// take many tiles.
+void set_square_tile_for_testing(uint32_t pixels);
+
 // Test only: memory results at least this large are staged and written
 // around the caches (0 restores the default), so that small images take
 // that path too.
