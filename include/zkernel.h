@@ -1248,12 +1248,16 @@ Z_EXPORT uint32_t Z_API Z_SQRT(uint32_t n);
  * memory kinds by the thresholds) and the rotate hook (entry 13) is called
  * with it, the old Width and Height and 9000 or -9000; only when both
  * succeed does it replace the old storage in the same record (Width and
- * Height exchanged, ViewPerspective, palette and resolutions kept).
- * Failures leave the record and pixels as they were: ST_NO_BITMAP (null),
- * ST_BAD_STRUCT_SIZE, ST_INVALID_BITMAP (no storage, or a record whose sizes
- * do not hold its pixels), ST_BAD_BPP, ST_NO_MEMORY, row-access and
- * temporary-file failures, the rotate hook's failure, or the status
- * callback's result other than ST_OK (called with 0, then per source row). */
+ * Height exchanged, ViewPerspective, palette and resolutions kept). A square
+ * bitmap in conventional or global memory whose side is a multiple of 16
+ * turns in its own storage instead (Data and Size unchanged, no new storage;
+ * the rotate hook is called with it turned, and a failing hook has it turned
+ * back). Failures leave the record and pixels as they were: ST_NO_BITMAP
+ * (null), ST_BAD_STRUCT_SIZE, ST_INVALID_BITMAP (no storage, or a record
+ * whose sizes do not hold its pixels), ST_BAD_BPP, ST_NO_MEMORY, row-access
+ * and temporary-file failures, the rotate hook's failure, or the status
+ * callback's result other than ST_OK (called with 0, then as the work
+ * proceeds, ending with 100). */
 Z_EXPORT int32_t Z_API Z_RotateBitmap90(BitmapHandle* bitmap, int32_t clockwise);
 /* Turns a packed width x height image in src a quarter turn into dst
  * (clockwise when clockwise is non-zero): dst holds height x width pixels in
@@ -1263,7 +1267,7 @@ Z_EXPORT int32_t Z_API Z_RotateBitmap90(BitmapHandle* bitmap, int32_t clockwise)
  * pixel byte, as 0); the buffers must not overlap. ST_OK (also for a width
  * or height of 0); ST_BAD_PARAM (null buffer, negative size), ST_BAD_BPP
  * (depth other than 1-8, 12, 16, 24, 32, 48, 64), ST_TOO_LARGE, ST_NO_MEMORY
- * (the scratch rows of a counter-clockwise turn). */
+ * (its working blocks, a few hundred KiB). */
 Z_EXPORT int32_t Z_API Z_RotateBuffer90(const uint8_t* src, uint8_t* dst, int32_t clockwise, int32_t width,
                                         int32_t height, int32_t bitsPerPixel);
 /* Turns a packed width x height image a half turn from src into dst (rows as

@@ -636,6 +636,7 @@ TEST_F(RotateBitmap, SquaresTurnInTheirOwnStorage) {
     ASSERT_EQ(Z_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr), ST_OK);
     ASSERT_EQ(Z_RotateBitmap90(&b, 0), ST_OK);
     EXPECT_EQ(all.percents.size(), 10u);  // the start and each of the nine rings
+    EXPECT_EQ(all.percents.back(), 100);
     for (size_t stop = 0; stop < all.percents.size(); ++stop) {
         Calls c;
         c.stop_at = stop;
