@@ -22,10 +22,11 @@ namespace {
 
 // Band sizes. Memory turns take square tiles (see memory_band) of at most
 // 1024 band rows; turns that involve tiled or disk storage take bands of
-// tens of MiB so that the destination is walked only a few times while the
+// up to 128 MiB so that the destination is walked only a few times (each
+// walk maps and faults in every destination page it writes to) while the
 // memory held stays bounded whatever the image size.
 constexpr uint64_t kMaxMemoryBand = 1024;
-constexpr uint64_t kStreamBand = uint64_t{32} << 20;
+constexpr uint64_t kStreamBand = uint64_t{128} << 20;
 std::atomic<uint64_t> g_stream_band{kStreamBand};
 // The columns of a band being transposed are first copied side by side into
 // a block about this size (at least a cache line per band row), so that the
