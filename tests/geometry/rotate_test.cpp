@@ -285,6 +285,7 @@ protected:
     void TearDown() override {
         zk::rotate::set_stream_band_for_testing(0);
         zk::rotate::set_stream_results_for_testing(0);
+        zk::rotate::set_square_tile_for_testing(0);
     }
     zktest::ThresholdGuard guard_;
     zktest::PrivateTempDir dir_;
@@ -664,7 +665,6 @@ TEST_F(RotateBitmap, SquaresTurnInTheirOwnStorage) {
     });
     unchanged();
     Z_FreeBitmap(&b);
-    zk::rotate::set_square_tile_for_testing(0);
 }
 
 }  // namespace
