@@ -347,6 +347,7 @@ public:
           tile_(std::min(g_square_tile.load() ? g_square_tile.load() : square_side(kChunkBytes / 2, bpp_), side_ / 2)),
           pixels_(pixels),
           stride_(b.BytesPerLine),
+          per_side_((side_ / 2 + tile_ - 1) / tile_),
           turn_(bpp_, tile_, tile_, false) {}
 
     static bool applies(const BitmapHandle& b) { return plain_memory(b) && b.Width == b.Height && b.Width % 16 == 0; }
@@ -355,14 +356,10 @@ public:
         hold_row_ = strip_of(bpp_, 0, tile_).bytes;
         return hold_.alloc(uint64_t{tile_} * hold_row_, false) ? ST_OK : ST_NO_MEMORY;
     }
-    uint32_t rings() const {
-        const uint32_t per_side = (side_ / 2 + tile_ - 1) / tile_;
-        return per_side * per_side;
-    }
+    uint32_t rings() const { return per_side_ * per_side_; }
     // Moves ring i one place clockwise (or back).
     void ring(uint32_t i, bool cw) {
-        const uint32_t per_side = (side_ / 2 + tile_ - 1) / tile_;
-        const uint32_t x = i % per_side * tile_, y = i / per_side * tile_;
+        const uint32_t x = i % per_side_ * tile_, y = i / per_side_ * tile_;
         Rect r[4];
         r[0] = {x, y, side_ / 2 - x < tile_ ? side_ / 2 - x : tile_, side_ / 2 - y < tile_ ? side_ / 2 - y : tile_};
         for (int k = 1; k < 4; ++k) r[k] = turned(r[k - 1], side_);
@@ -395,6 +392,7 @@ private:
     uint32_t side_, tile_;
     uint8_t* pixels_;
     size_t stride_;
+    uint32_t per_side_;  // tiles along each side of the quadrant
     MemoryTurn turn_;
     size_t hold_row_ = 0;
     Buffer hold_;
