@@ -127,7 +127,14 @@ public:
         chunk_row_ = strip_of(bpp, 0, chunk_px_).bytes;
     }
     // The block has 8 bytes of slack for the word reads of the kernels.
-    int32_t init() { return chunk_.alloc(uint64_t{band_} * chunk_row_ + 8, true) ? ST_OK : ST_NO_MEMORY; }
+    // Turns at 1 bit with whole 512-pixel tiles also take the tile kernel's
+    // scratch block.
+    int32_t init() {
+        if (!chunk_.alloc(uint64_t{band_} * chunk_row_ + 8, true)) return ST_NO_MEMORY;
+        if (bpp_ == 1 && width_ >= kTile1 && band_ >= kTile1 && !tile_scratch_.alloc(kTile1Scratch + 63, false))
+            return ST_NO_MEMORY;
+        return ST_OK;
+    }
     template <typename Sink>
     int32_t run(const uint8_t* const* rows, uint32_t n, Sink& sink) {
         return run(rows, n, width_, sink);
@@ -135,9 +142,39 @@ public:
     // Band rows of `width` pixels (at most the constructor's).
     template <typename Sink>
     int32_t run(const uint8_t* const* rows, uint32_t n, uint32_t width, Sink& sink) {
+        uint32_t from = 0;
+        if (tile_scratch_.p && sink.base && turn1_tiles_available() && n >= kTile1 && width >= kTile1) {
+            // Whole tiles straight from the band rows into the destination;
+            // the band rows past the last whole tile, then the destination
+            // rows past it, go the general way.
+            const uint32_t whole_rows = n / kTile1 * kTile1;
+            from = width / kTile1 * kTile1;
+            const auto scratch = (reinterpret_cast<uintptr_t>(tile_scratch_.p) + 63) & ~uintptr_t{63};
+            uint8_t* out[kTile1];
+            for (uint32_t d = 0; d < from; d += kTile1)
+                for (uint32_t k = 0; k < whole_rows; k += kTile1) {
+                    for (uint32_t x = 0; x < kTile1; ++x) out[x] = sink.target(d + x) + k / 8;
+                    turn1_tile(rows + k, d / 8, out, sink.stream, reinterpret_cast<void*>(scratch));
+                }
+            if (whole_rows < n) {
+                const uint32_t column = sink.column;
+                sink.set_strip(bpp_, column + whole_rows, n - whole_rows);
+                const int32_t r = columns(rows + whole_rows, n - whole_rows, 0, from, sink);
+                sink.set_strip(bpp_, column, n);
+                if (r != ST_OK) return r;
+            }
+        }
+        return columns(rows, n, from, width, sink);
+    }
+
+private:
+    // Destination rows from .. width-1 of band rows 0 .. n-1, through the
+    // block of band columns.
+    template <typename Sink>
+    int32_t columns(const uint8_t* const* rows, uint32_t n, uint32_t from, uint32_t width, Sink& sink) {
         const uint32_t group = strip_group(bpp_);
         uint8_t* out[64];
-        for (uint32_t d = 0; d < width; d += chunk_px_) {
+        for (uint32_t d = from; d < width; d += chunk_px_) {
             const uint32_t c = width - d < chunk_px_ ? width - d : chunk_px_;
             const Strip part = strip_of(bpp_, d, c);
             for (uint32_t k = 0; k < n; ++k)
@@ -152,11 +189,10 @@ public:
         return ST_OK;
     }
 
-private:
     int32_t bpp_;
     uint32_t width_, band_, chunk_px_;
     size_t chunk_row_;
-    Buffer chunk_;
+    Buffer chunk_, tile_scratch_;
 };
 
 // Where the strips go. A group of strips is transposed into a stage small
@@ -294,6 +330,10 @@ int32_t turn_quarter(BitmapHandle& src, bool cw, rows::Replacement& rep) {
     Progress progress(h);
     if ((r = progress.start()) != ST_OK) return r;
     StripSink sink;
+    if (dst_plain && out.rows_stay_put()) {  // rows in one block: the sink addresses them itself
+        uint8_t* first = out.write(0);
+        if (first && out.write(w - 1) == first + size_t{w - 1} * dst.BytesPerLine) sink.base = first;
+    }
     sink.bitmap = &dst;
     sink.ops = storage::kind_ops(dst);
     sink.stride = dst.BytesPerLine;

@@ -38,6 +38,17 @@ constexpr uint32_t strip_group(int32_t bpp) { return bpp == 1 ? 64 : 8; }
 void transpose_strip(int32_t bpp, const uint8_t* band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
                      uint8_t* const* out);
 
+// Whole tiles of kTile1 x kTile1 pixels at 1 bit, where the processor has
+// the kernel for them (turn1_tiles_available): rows[0 .. kTile1-1] are the
+// band rows (in destination column order), each read for its kTile1 pixels
+// from byte `col`; out[x] is where destination row x receives its
+// kTile1 / 8 bytes. `stream`: 64-byte aligned destinations are written
+// around the caches. `scratch`: kTile1Scratch bytes aligned to 64.
+constexpr uint32_t kTile1 = 512;
+constexpr size_t kTile1Scratch = (64 + 512) * 64;
+bool turn1_tiles_available();
+void turn1_tile(const uint8_t* const* rows, size_t col, uint8_t* const* out, bool stream, void* scratch);
+
 // Rows a band may hold: a multiple of 8, at least 8, with band rows of
 // `row_bytes` bytes taking about `budget` bytes.
 uint32_t band_rows(uint64_t row_bytes, uint64_t budget);

@@ -420,6 +420,121 @@ __attribute__((target("avx2"))) void transpose24_avx2(const uint8_t* p, size_t s
 }
 #endif
 
+#if ZK_X86_TIERS
+#define ZK_TILE1_TARGET __attribute__((target("avx512f,avx512bw,avx512vbmi,gfni")))
+
+// Exchanges bit m of the register index with bit m of the 64-bit word
+// index over v[0..7], for m = 1, 2 and 4: afterwards word i of v[g] is what
+// word g of v[i] was.
+ZK_TILE1_TARGET inline void transpose8x8_words(__m512i (&v)[8]) {
+#pragma GCC unroll 4
+    for (int i = 0; i < 8; i += 2) {
+        const __m512i a = v[i], b = v[i + 1];
+        v[i] = _mm512_unpacklo_epi64(a, b);
+        v[i + 1] = _mm512_unpackhi_epi64(a, b);
+    }
+    const __m512i lo2 = _mm512_setr_epi64(0, 1, 8, 9, 4, 5, 12, 13),
+                  hi2 = _mm512_setr_epi64(2, 3, 10, 11, 6, 7, 14, 15);
+#pragma GCC unroll 4
+    for (int i : {0, 1, 4, 5}) {
+        const __m512i a = v[i], b = v[i + 2];
+        v[i] = _mm512_permutex2var_epi64(a, lo2, b);
+        v[i + 2] = _mm512_permutex2var_epi64(a, hi2, b);
+    }
+#pragma GCC unroll 4
+    for (int i = 0; i < 4; ++i) {
+        const __m512i a = v[i], b = v[i + 4];
+        v[i] = _mm512_shuffle_i64x2(a, b, 0x44);
+        v[i + 4] = _mm512_shuffle_i64x2(a, b, 0xEE);
+    }
+}
+
+// Exchanges bit m of the register index with bit m of the byte index within
+// each 64-bit word over v[0..7], for m = 1, 2 and 4, with shifts and
+// blends (no shuffles): afterwards byte b of each word of v[i] is what byte
+// i of that word of v[b] was.
+ZK_TILE1_TARGET inline void transpose8x8_word_bytes(__m512i (&v)[8]) {
+#pragma GCC unroll 4
+    for (int i = 0; i < 8; i += 2) {
+        const __m512i a = v[i], b = v[i + 1];
+        v[i] = _mm512_mask_blend_epi8(0xAAAAAAAAAAAAAAAAull, a, _mm512_slli_epi16(b, 8));
+        v[i + 1] = _mm512_mask_blend_epi8(0xAAAAAAAAAAAAAAAAull, _mm512_srli_epi16(a, 8), b);
+    }
+#pragma GCC unroll 4
+    for (int i : {0, 1, 4, 5}) {
+        const __m512i a = v[i], b = v[i + 2];
+        v[i] = _mm512_mask_blend_epi16(0xAAAAAAAAu, a, _mm512_slli_epi32(b, 16));
+        v[i + 2] = _mm512_mask_blend_epi16(0xAAAAAAAAu, _mm512_srli_epi32(a, 16), b);
+    }
+#pragma GCC unroll 4
+    for (int i = 0; i < 4; ++i) {
+        const __m512i a = v[i], b = v[i + 4];
+        v[i] = _mm512_mask_blend_epi32(0xAAAA, a, _mm512_slli_epi64(b, 32));
+        v[i + 4] = _mm512_mask_blend_epi32(0xAAAA, _mm512_srli_epi64(a, 32), b);
+    }
+}
+
+// 512 band rows by 512 pixels (64 bytes of each band row, so every source
+// line is read whole and every destination strip gets 64 whole bytes).
+// Indices: band row r = 64 kb + 8 R + i, pixel x = 64 g + 8 c + j, where
+// (g, c) is the byte of the pixel in its band row (word g, byte c) and j
+// its bit from the top; destination row x receives band row r as bit i of
+// its byte (kb, R). Each step exchanges three index bits of the register
+// with three of the byte, between eight registers:
+//   1. eight band rows (kb, R): i <-> c; the bit-matrix product then turns
+//      each word's 8 x 8 bits (byte i <-> bit j); then c <-> g;
+//   2. per (kb, g), the eight R: R <-> j;
+//   3. per (g, j), the eight kb: kb <-> c, giving destination row (g, c, j).
+// The steps meet in a scratch block of 64 + 512 registers.
+ZK_TILE1_TARGET void turn1_tile_avx512(const uint8_t* const* rows, size_t col, uint8_t* const* out, bool stream,
+                                       __m512i* scratch) {
+    // Byte j of the product of an 8 x 8 bit matrix (word) with 0x80 >> j
+    // is column j of the matrix with row i in bit 7 - i: its transpose, in
+    // the pixel order of the rows.
+    const __m512i unit = _mm512_set1_epi64(0x0102040810204080);
+    __m512i* first = scratch;        // [g][R], one k-block at a time
+    __m512i* second = scratch + 64;  // [g][j][kb]
+    for (uint32_t kb = 0; kb < 8; ++kb) {
+        for (uint32_t R = 0; R < 8; ++R) {
+            __m512i v[8];
+            const uint8_t* const* r = rows + 64 * kb + 8 * R;
+#pragma GCC unroll 8
+            for (int i = 0; i < 8; ++i) v[i] = _mm512_loadu_si512(r[i] + col);
+            transpose8x8_word_bytes(v);
+#pragma GCC unroll 8
+            for (int c = 0; c < 8; ++c) v[c] = _mm512_gf2p8affine_epi64_epi8(unit, v[c], 0);
+            transpose8x8_words(v);
+#pragma GCC unroll 8
+            for (int g = 0; g < 8; ++g) first[8 * g + R] = v[g];
+        }
+        for (uint32_t g = 0; g < 8; ++g) {
+            __m512i v[8];
+#pragma GCC unroll 8
+            for (int R = 0; R < 8; ++R) v[R] = first[8 * g + R];
+            transpose8x8_word_bytes(v);
+#pragma GCC unroll 8
+            for (int j = 0; j < 8; ++j) second[64 * g + 8 * j + kb] = v[j];
+        }
+    }
+    for (uint32_t gj = 0; gj < 64; ++gj) {
+        __m512i v[8];
+#pragma GCC unroll 8
+        for (int kb = 0; kb < 8; ++kb) v[kb] = second[8 * gj + kb];
+        transpose8x8_words(v);
+        const uint32_t g = gj / 8, j = gj % 8;
+#pragma GCC unroll 8
+        for (int c = 0; c < 8; ++c) {
+            uint8_t* q = out[64 * g + 8 * c + j];
+            if (stream && reinterpret_cast<uintptr_t>(q) % 64 == 0)
+                _mm512_stream_si512(reinterpret_cast<__m512i*>(q), v[c]);
+            else
+                _mm512_storeu_si512(q, v[c]);
+        }
+    }
+}
+#undef ZK_TILE1_TARGET
+#endif
+
 template <size_t E>
 void transpose_units(const uint8_t* __restrict band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
                      uint8_t* const* out) {
@@ -492,6 +607,22 @@ void transpose_strip(int32_t bpp, const uint8_t* band, size_t stride, uint32_t n
         case 64: transpose_units<8>(band, stride, n, d0, g, out); return;
         default: transpose_bits(bpp, band, stride, n, d0, g, out); return;
     }
+}
+
+bool turn1_tiles_available() {
+#if ZK_X86_TIERS
+    return platform::cpu_tier() >= platform::CpuTier::AVX512;
+#else
+    return false;
+#endif
+}
+
+void turn1_tile(const uint8_t* const* rows, size_t col, uint8_t* const* out, bool stream, void* scratch) {
+#if ZK_X86_TIERS
+    turn1_tile_avx512(rows, col, out, stream, static_cast<__m512i*>(scratch));
+#else
+    (void)rows, (void)col, (void)out, (void)stream, (void)scratch;
+#endif
 }
 
 uint32_t band_rows(uint64_t row_bytes, uint64_t budget) {

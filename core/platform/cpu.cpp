@@ -34,11 +34,11 @@ CpuTier probe() {
     constexpr uint64_t kYmmState = 0x6, kZmmState = 0xE0;
     if ((xcr0 & kYmmState) != kYmmState) return CpuTier::Portable;
     __cpuid_count(7, 0, a, b, c, d);
-    constexpr uint32_t kAvx2 = 1u << 5, kAvx512F = 1u << 16, kAvx512BW = 1u << 30;  // leaf 7 EBX
-    constexpr uint32_t kAvx512Vbmi = 1u << 1, kAvx512Vnni = 1u << 11;               // leaf 7 ECX
+    constexpr uint32_t kAvx2 = 1u << 5, kAvx512F = 1u << 16, kAvx512BW = 1u << 30;      // leaf 7 EBX
+    constexpr uint32_t kAvx512Vbmi = 1u << 1, kGfni = 1u << 8, kAvx512Vnni = 1u << 11;  // leaf 7 ECX
     if (!(b & kAvx2)) return CpuTier::Portable;
     const bool wide = (xcr0 & kZmmState) == kZmmState && (b & (kAvx512F | kAvx512BW)) == (kAvx512F | kAvx512BW) &&
-                      (c & (kAvx512Vbmi | kAvx512Vnni)) == (kAvx512Vbmi | kAvx512Vnni);
+                      (c & (kAvx512Vbmi | kGfni | kAvx512Vnni)) == (kAvx512Vbmi | kGfni | kAvx512Vnni);
     return wide ? CpuTier::AVX512 : CpuTier::AVX2;
 }
 #else

@@ -26,8 +26,9 @@ namespace zk::platform {
 
 // Ordered: a tier implies everything below it.
 //  AVX2    AVX and AVX2 with the 256-bit register state enabled.
-//  AVX512  AVX512 F, BW, VBMI and VNNI with the full 512-bit state enabled
-//          (the byte permutes and byte dot products the 512-bit kernels use).
+//  AVX512  AVX512 F, BW, VBMI, VNNI and GFNI with the full 512-bit state
+//          enabled (the byte permutes, byte dot products and bit-matrix
+//          products the 512-bit kernels use).
 enum class CpuTier : uint8_t { Portable = 0, AVX2 = 1, AVX512 = 2 };
 
 constexpr CpuTier kCpuTiers[] = {CpuTier::Portable, CpuTier::AVX2, CpuTier::AVX512};

@@ -29,7 +29,8 @@ private:
 inline std::string tier_unavailable(CpuTier tier) {
     if (tier > zk::platform::cpu_tier_supported())
         return std::string("this processor lacks the ") + zk::platform::cpu_tier_name(tier) +
-               " tier (AVX2 needs AVX, AVX2 and the OS saving 256-bit state; AVX512 needs AVX512 F, BW, VBMI, VNNI "
+               " tier (AVX2 needs AVX, AVX2 and the OS saving 256-bit state; AVX512 needs AVX512 F, BW, VBMI, VNNI, "
+               "GFNI "
                "and the OS saving 512-bit state): its kernels are not tested here";
     TierCap probe(tier);
     if (zk::platform::cpu_tier() != tier)

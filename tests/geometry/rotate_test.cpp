@@ -147,10 +147,14 @@ constexpr uint32_t kKindBits = BF_MEMORY | BF_DISK | BF_TILED | BF_ALLOCATED;
 // Quarter and half turns of buffers at every depth and at odd sizes against
 // the model, with the rules for the bits past the pixels.
 void turn_buffers_against_the_model() {
-    const int sizes[][2] = {{1, 1}, {3, 9}, {13, 7}, {17, 33}, {70, 19}, {9, 4133}, {1100, 13}, {600, 70}};
+    // The last size, at 1 bit only: whole 512 x 512 tiles with rows and
+    // columns left over, in a band that starts past column 0.
+    const int sizes[][2] = {{1, 1},    {3, 9},     {13, 7},   {17, 33},    {70, 19},
+                            {9, 4133}, {1100, 13}, {600, 70}, {1100, 1600}};
     for (int bpp : kDepths) {
         for (const auto& sz : sizes) {
             const int w = sz[0], h = sz[1];
+            if (h == 1600 && bpp != 1) continue;
             SCOPED_TRACE(::testing::Message() << bpp << " bits, " << w << " x " << h);
             const Image im = random_image(w, h, bpp, uint32_t(bpp * 1000 + w * 31 + h));
             const auto src = pack(im, bpp, 0x3C);  // padding bits set: never read as pixels
@@ -587,6 +591,36 @@ TEST_F(RotateBitmap, InjectedFailuresLeaveTheBitmapAsItWas) {
     }
     EXPECT_EQ(open_files(), files_before);
     EXPECT_TRUE(dir_.files().empty());
+}
+
+// One-bit bitmaps large enough for whole 512 x 512 tiles, in every kernel
+// tier: a square turned in its own storage (rings of 512 and 16 pixels) and
+// a taller one turned into new storage, both ways, against the model.
+TEST_F(RotateBitmap, OneBitTilesMatchTheModelInEveryTier) {
+    namespace pf = zk::platform;
+    zk::rotate::set_square_tile_for_testing(512);
+    const int sizes[][2] = {{1056, 1056}, {1100, 1040}};
+    for (pf::CpuTier tier : pf::kCpuTiers) {
+        if (tier > pf::cpu_tier_supported()) continue;  // named by the buffer test
+        const pf::CpuTier previous = pf::set_cpu_tier_cap(tier);
+        for (const auto& sz : sizes) {
+            SCOPED_TRACE(::testing::Message() << pf::cpu_tier_name(tier) << ", " << sz[0] << " x " << sz[1]);
+            const Image im = random_image(sz[0], sz[1], 1, uint32_t(sz[1]));
+            BitmapHandle b = zktest::described(sz[0], sz[1], 1);
+            ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_CONV), ST_OK);
+            b.ViewPerspective = VP_TOP_LEFT;
+            put_image(b, im);
+            void* const data = b.Data;
+            EXPECT_EQ(Z_RotateBitmap90(&b, 1), ST_OK);
+            EXPECT_EQ(b.Data == data, sz[0] == sz[1]);
+            EXPECT_TRUE(get_image(b) == turn(im, true));
+            EXPECT_EQ(Z_RotateBitmap90(&b, 0), ST_OK);
+            EXPECT_EQ(Z_RotateBitmap90(&b, 0), ST_OK);
+            EXPECT_TRUE(get_image(b) == turn(im, false));
+            Z_FreeBitmap(&b);
+        }
+        pf::set_cpu_tier_cap(previous);
+    }
 }
 
 // Square bitmaps in memory whose side is a multiple of 16 turn in their own
