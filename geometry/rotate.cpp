@@ -52,6 +52,10 @@ uint32_t square_side(uint64_t bytes, int32_t bpp) {
 // of band columns fills the second-level cache.
 uint32_t memory_band(int32_t bpp) { return square_side(kChunkBytes, bpp); }
 
+// Bytes of each destination row that the 1-bit tiles gather before they
+// are stored (two tiles).
+constexpr uint32_t kTile1Stage = 2 * kTile1 / 8;
+
 // Side of the tiles of an in-place square turn; 0: the default, tiles of
 // half the block size, since a ring keeps three tile-sized blocks in the
 // second-level cache (the held tile, the band copy and the destination).
@@ -131,7 +135,8 @@ public:
     // scratch block.
     int32_t init() {
         if (!chunk_.alloc(uint64_t{band_} * chunk_row_ + 8, true)) return ST_NO_MEMORY;
-        if (bpp_ == 1 && width_ >= kTile1 && band_ >= kTile1 && !tile_scratch_.alloc(kTile1Scratch + 63, false))
+        if (bpp_ == 1 && width_ >= kTile1 && band_ >= kTile1 &&
+            !tile_scratch_.alloc(kTile1Scratch + uint64_t{kTile1} * kTile1Stage + 63, false))
             return ST_NO_MEMORY;
         return ST_OK;
     }
@@ -149,12 +154,19 @@ public:
             // rows past it, go the general way.
             const uint32_t whole_rows = n / kTile1 * kTile1;
             from = width / kTile1 * kTile1;
-            const auto scratch = (reinterpret_cast<uintptr_t>(tile_scratch_.p) + 63) & ~uintptr_t{63};
+            auto* const scratch =
+                reinterpret_cast<uint8_t*>((reinterpret_cast<uintptr_t>(tile_scratch_.p) + 63) & ~uintptr_t{63});
+            uint8_t* const stage = scratch + kTile1Scratch;
             uint8_t* out[kTile1];
             for (uint32_t d = 0; d < from; d += kTile1)
-                for (uint32_t k = 0; k < whole_rows; k += kTile1) {
-                    for (uint32_t x = 0; x < kTile1; ++x) out[x] = sink.target(d + x) + k / 8;
-                    turn1_tile(rows + k, d / 8, out, sink.stream, reinterpret_cast<void*>(scratch));
+                for (uint32_t k0 = 0; k0 < whole_rows; k0 += 8 * kTile1Stage) {
+                    // Tiles side by side in the stage, then whole runs of
+                    // each destination row.
+                    const uint32_t m = std::min<uint32_t>(whole_rows - k0, 8 * kTile1Stage);
+                    for (uint32_t k = 0; k < m; k += kTile1)
+                        turn1_tile(rows + k0 + k, d / 8, stage + k / 8, kTile1Stage, scratch);
+                    for (uint32_t x = 0; x < kTile1; ++x) out[x] = sink.target(d + x) + k0 / 8;
+                    turn1_store(stage, kTile1Stage, m / 8, out, sink.stream);
                 }
             if (whole_rows < n) {
                 const uint32_t column = sink.column;

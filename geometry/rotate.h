@@ -39,15 +39,21 @@ void transpose_strip(int32_t bpp, const uint8_t* band, size_t stride, uint32_t n
                      uint8_t* const* out);
 
 // Whole tiles of kTile1 x kTile1 pixels at 1 bit, where the processor has
-// the kernel for them (turn1_tiles_available): rows[0 .. kTile1-1] are the
-// band rows (in destination column order), each read for its kTile1 pixels
-// from byte `col`; out[x] is where destination row x receives its
-// kTile1 / 8 bytes. `stream`: 64-byte aligned destinations are written
-// around the caches. `scratch`: kTile1Scratch bytes aligned to 64.
+// the kernels for them (turn1_tiles_available). turn1_tile: rows[0 ..
+// kTile1-1] are the band rows (in destination column order), each read for
+// its kTile1 pixels from byte `col`; destination row x receives its
+// kTile1 / 8 bytes at out + x * out_stride (aligned to 64, as `scratch`,
+// kTile1Scratch bytes, must be). turn1_store: `bytes` (a multiple of 64)
+// of each of kTile1 rows `stride` bytes apart from `stage` (aligned to 64)
+// go to dst[x]; `stream`: 64-byte aligned destinations are written around
+// the caches. A destination is written through a stage because rows a
+// power of two apart share a few cache sets: 64 bytes a row at a time
+// there cost about four times what 128 do.
 constexpr uint32_t kTile1 = 512;
 constexpr size_t kTile1Scratch = (64 + 512) * 64;
 bool turn1_tiles_available();
-void turn1_tile(const uint8_t* const* rows, size_t col, uint8_t* const* out, bool stream, void* scratch);
+void turn1_tile(const uint8_t* const* rows, size_t col, uint8_t* out, size_t out_stride, void* scratch);
+void turn1_store(const uint8_t* stage, size_t stride, size_t bytes, uint8_t* const* dst, bool stream);
 
 // Rows a band may hold: a multiple of 8, at least 8, with band rows of
 // `row_bytes` bytes taking about `budget` bytes.

@@ -479,21 +479,30 @@ ZK_TILE1_TARGET inline void transpose8x8_word_bytes(__m512i (&v)[8]) {
 // Indices: band row r = 64 kb + 8 R + i, pixel x = 64 g + 8 c + j, where
 // (g, c) is the byte of the pixel in its band row (word g, byte c) and j
 // its bit from the top; destination row x receives band row r as bit i of
-// its byte (kb, R). Each step exchanges three index bits of the register
-// with three of the byte, between eight registers:
-//   1. eight band rows (kb, R): i <-> c; the bit-matrix product then turns
-//      each word's 8 x 8 bits (byte i <-> bit j); then c <-> g;
-//   2. per (kb, g), the eight R: R <-> j;
-//   3. per (g, j), the eight kb: kb <-> c, giving destination row (g, c, j).
+// its byte (kb, R) (word kb, byte R). Each step exchanges three index bits
+// of the register with three of the byte, between eight registers:
+//   1. eight band rows (kb, R): i <-> c; the bit-matrix product turns each
+//      word's 8 x 8 bits (byte i <-> bit j); a byte permute exchanges the
+//      word and byte indices (g, j -> j, g);
+//   2. per (kb, c), the eight R: R <-> g;
+//   3. per (g, c), the eight kb: kb <-> j, giving destination rows
+//      (g, c, 0..7).
 // The steps meet in a scratch block of 64 + 512 registers.
-ZK_TILE1_TARGET void turn1_tile_avx512(const uint8_t* const* rows, size_t col, uint8_t* const* out, bool stream,
+ZK_TILE1_TARGET void turn1_tile_avx512(const uint8_t* const* rows, size_t col, uint8_t* out, size_t out_stride,
                                        __m512i* scratch) {
+    // Byte 8 q + b takes byte 8 b + q: the 8 x 8 byte transpose within each
+    // register.
+    alignas(64) static constexpr uint8_t kBytes[64] = {0, 8,  16, 24, 32, 40, 48, 56, 1, 9,  17, 25, 33, 41, 49, 57,
+                                                       2, 10, 18, 26, 34, 42, 50, 58, 3, 11, 19, 27, 35, 43, 51, 59,
+                                                       4, 12, 20, 28, 36, 44, 52, 60, 5, 13, 21, 29, 37, 45, 53, 61,
+                                                       6, 14, 22, 30, 38, 46, 54, 62, 7, 15, 23, 31, 39, 47, 55, 63};
+    const __m512i bytes = _mm512_load_si512(kBytes);
     // Byte j of the product of an 8 x 8 bit matrix (word) with 0x80 >> j
     // is column j of the matrix with row i in bit 7 - i: its transpose, in
     // the pixel order of the rows.
     const __m512i unit = _mm512_set1_epi64(0x0102040810204080);
-    __m512i* first = scratch;        // [g][R], one k-block at a time
-    __m512i* second = scratch + 64;  // [g][j][kb]
+    __m512i* first = scratch;        // [c][R], one k-block at a time
+    __m512i* second = scratch + 64;  // [g][c][kb]
     for (uint32_t kb = 0; kb < 8; ++kb) {
         for (uint32_t R = 0; R < 8; ++R) {
             __m512i v[8];
@@ -502,33 +511,39 @@ ZK_TILE1_TARGET void turn1_tile_avx512(const uint8_t* const* rows, size_t col, u
             for (int i = 0; i < 8; ++i) v[i] = _mm512_loadu_si512(r[i] + col);
             transpose8x8_word_bytes(v);
 #pragma GCC unroll 8
-            for (int c = 0; c < 8; ++c) v[c] = _mm512_gf2p8affine_epi64_epi8(unit, v[c], 0);
-            transpose8x8_words(v);
-#pragma GCC unroll 8
-            for (int g = 0; g < 8; ++g) first[8 * g + R] = v[g];
+            for (int c = 0; c < 8; ++c)
+                first[8 * c + R] = _mm512_permutexvar_epi8(bytes, _mm512_gf2p8affine_epi64_epi8(unit, v[c], 0));
         }
-        for (uint32_t g = 0; g < 8; ++g) {
+        for (uint32_t c = 0; c < 8; ++c) {
             __m512i v[8];
 #pragma GCC unroll 8
-            for (int R = 0; R < 8; ++R) v[R] = first[8 * g + R];
+            for (int R = 0; R < 8; ++R) v[R] = first[8 * c + R];
             transpose8x8_word_bytes(v);
 #pragma GCC unroll 8
-            for (int j = 0; j < 8; ++j) second[64 * g + 8 * j + kb] = v[j];
+            for (int g = 0; g < 8; ++g) second[64 * g + 8 * c + kb] = v[g];
         }
     }
-    for (uint32_t gj = 0; gj < 64; ++gj) {
+    for (uint32_t gc = 0; gc < 64; ++gc) {
         __m512i v[8];
 #pragma GCC unroll 8
-        for (int kb = 0; kb < 8; ++kb) v[kb] = second[8 * gj + kb];
+        for (int kb = 0; kb < 8; ++kb) v[kb] = second[8 * gc + kb];
         transpose8x8_words(v);
-        const uint32_t g = gj / 8, j = gj % 8;
 #pragma GCC unroll 8
-        for (int c = 0; c < 8; ++c) {
-            uint8_t* q = out[64 * g + 8 * c + j];
-            if (stream && reinterpret_cast<uintptr_t>(q) % 64 == 0)
-                _mm512_stream_si512(reinterpret_cast<__m512i*>(q), v[c]);
-            else
-                _mm512_storeu_si512(q, v[c]);
+        for (int j = 0; j < 8; ++j) _mm512_storeu_si512(out + (8 * gc + j) * out_stride, v[j]);
+    }
+}
+
+// Stores `bytes` (a multiple of 64) from each of 512 stage rows `stride`
+// bytes apart to dst[x].
+ZK_TILE1_TARGET void turn1_store_avx512(const uint8_t* stage, size_t stride, size_t bytes, uint8_t* const* dst,
+                                        bool stream) {
+    for (uint32_t x = 0; x < 512; ++x, stage += stride) {
+        uint8_t* q = dst[x];
+        if (stream && reinterpret_cast<uintptr_t>(q) % 64 == 0) {
+            for (size_t o = 0; o < bytes; o += 64)
+                _mm512_stream_si512(reinterpret_cast<__m512i*>(q + o), _mm512_load_si512(stage + o));
+        } else {
+            for (size_t o = 0; o < bytes; o += 64) _mm512_storeu_si512(q + o, _mm512_load_si512(stage + o));
         }
     }
 }
@@ -617,11 +632,19 @@ bool turn1_tiles_available() {
 #endif
 }
 
-void turn1_tile(const uint8_t* const* rows, size_t col, uint8_t* const* out, bool stream, void* scratch) {
+void turn1_tile(const uint8_t* const* rows, size_t col, uint8_t* out, size_t out_stride, void* scratch) {
 #if ZK_X86_TIERS
-    turn1_tile_avx512(rows, col, out, stream, static_cast<__m512i*>(scratch));
+    turn1_tile_avx512(rows, col, out, out_stride, static_cast<__m512i*>(scratch));
 #else
-    (void)rows, (void)col, (void)out, (void)stream, (void)scratch;
+    (void)rows, (void)col, (void)out, (void)out_stride, (void)scratch;
+#endif
+}
+
+void turn1_store(const uint8_t* stage, size_t stride, size_t bytes, uint8_t* const* dst, bool stream) {
+#if ZK_X86_TIERS
+    turn1_store_avx512(stage, stride, bytes, dst, stream);
+#else
+    (void)stage, (void)stride, (void)bytes, (void)dst, (void)stream;
 #endif
 }
 
