@@ -383,6 +383,15 @@ struct Rect {
 // Where a clockwise quarter turn of a side x side image takes r.
 Rect turned(const Rect& r, uint32_t side) { return {side - r.row - r.rows, r.col, r.rows, r.cols}; }
 
+// Ring i of a square turn in tiles of `tile` pixels, `per_side` tiles along
+// each side of the top-left quadrant: tile i of the quadrant and its three
+// images under a clockwise turn.
+void ring_rects(uint32_t i, uint32_t per_side, uint32_t tile, uint32_t side, Rect (&r)[4]) {
+    const uint32_t x = i % per_side * tile, y = i / per_side * tile;
+    r[0] = {x, y, side / 2 - x < tile ? side / 2 - x : tile, side / 2 - y < tile ? side / 2 - y : tile};
+    for (int k = 1; k < 4; ++k) r[k] = turned(r[k - 1], side);
+}
+
 // Quarter turn of a square bitmap in its own storage, tile by tile: each
 // tile of the top-left quadrant and its three images under the turn form a
 // ring of four rectangles whose contents move one place along the ring
@@ -411,10 +420,8 @@ public:
     uint32_t rings() const { return per_side_ * per_side_; }
     // Moves ring i one place clockwise (or back).
     void ring(uint32_t i, bool cw) {
-        const uint32_t x = i % per_side_ * tile_, y = i / per_side_ * tile_;
         Rect r[4];
-        r[0] = {x, y, side_ / 2 - x < tile_ ? side_ / 2 - x : tile_, side_ / 2 - y < tile_ ? side_ / 2 - y : tile_};
-        for (int k = 1; k < 4; ++k) r[k] = turned(r[k - 1], side_);
+        ring_rects(i, per_side_, tile_, side_, r);
         // Clockwise the contents move from r[k] to r[k+1]: r[3] is held
         // while r[2], r[1] and r[0] move on, then goes to r[0].
         // Counter-clockwise they move from r[k+1] to r[k].
@@ -448,6 +455,91 @@ private:
     MemoryTurn turn_;
     size_t hold_row_ = 0;
     Buffer hold_;
+};
+
+// Side of the ring tiles of a square bitmap turned in tiled storage: the
+// four rectangles of a ring and one turned rectangle are held in memory,
+// each about kStoredRect bytes, so that every row segment read or written
+// spans a few pages (a tile is mapped and faulted in once for many rows).
+constexpr uint64_t kStoredRect = uint64_t{8} << 20;
+uint32_t stored_tile(int32_t bpp, uint32_t side) {
+    if (const uint32_t t = g_square_tile.load()) return std::min(t, side / 2);
+    const uint64_t bits = kStoredRect * 8 / static_cast<uint32_t>(bpp);
+    uint64_t t = 8;
+    while ((t + 8) * (t + 8) <= bits && t + 8 <= side / 2) t += 8;
+    return static_cast<uint32_t>(t);
+}
+
+// Quarter turn of a square bitmap in tiled storage, in its own storage: the
+// rings of SquareTurn, each of whose four rectangles is read into memory
+// whole, turned there and written to its next place. Every byte is read
+// and written once, through the tiles, and no new storage is taken (a turn
+// into new storage would reserve, fault in and zero a second image on
+// disk). A ring is complete or put back as it was (its rectangles are held
+// whole), and a stop is undone by moving the finished rings back; tiled
+// storage reads and writes rows without failing, so the undoing does not
+// fail.
+class TiledSquareTurn {
+public:
+    explicit TiledSquareTurn(BitmapHandle& b)
+        : b_(b),
+          ops_(*storage::kind_ops(b)),
+          bpp_(b.BitsPerPixel),
+          side_(static_cast<uint32_t>(b.Width)),
+          tile_(stored_tile(bpp_, side_)),
+          per_side_((side_ / 2 + tile_ - 1) / tile_),
+          turn_(bpp_, tile_, tile_, false) {}
+
+    static bool applies(const BitmapHandle& b) {
+        return has(b, BF_TILED) && !has(b, BF_COMPRESSED | BF_SUPERCOMPRESSED) && storage::kind_ops(b) &&
+               b.Width == b.Height && b.Width % 16 == 0;
+    }
+    int32_t init() {
+        if (turn_.init() != ST_OK) return ST_NO_MEMORY;
+        const uint64_t bytes = uint64_t{tile_} * strip_of(bpp_, 0, tile_).bytes;
+        for (Buffer& h : held_)
+            if (!h.alloc(bytes, false)) return ST_NO_MEMORY;
+        return moved_.alloc(bytes, false) ? ST_OK : ST_NO_MEMORY;
+    }
+    uint32_t rings() const { return per_side_ * per_side_; }
+    // Moves ring i one place clockwise (or back): the contents of r[k] go
+    // to r[k+1] clockwise, to r[k-1] counter-clockwise.
+    int32_t ring(uint32_t i, bool cw) {
+        Rect r[4];
+        ring_rects(i, per_side_, tile_, side_, r);
+        for (int k = 0; k < 4; ++k)
+            if (const int32_t st = transfer(r[k], held_[k].as<uint8_t>(), false); st != ST_OK) return st;
+        for (int k = 0; k < 4; ++k) {
+            const Rect& to = r[(k + (cw ? 1 : 3)) % 4];
+            turn_.run(held_[k].as<uint8_t>(), bytes_of(r[k]), r[k].cols, r[k].rows, moved_.as<uint8_t>(), bytes_of(to),
+                      cw);
+            if (const int32_t st = transfer(to, moved_.as<uint8_t>(), true); st != ST_OK) {
+                for (int m = 0; m < 4; ++m) transfer(r[m], held_[m].as<uint8_t>(), true);  // as it was
+                return st;
+            }
+        }
+        return ST_OK;
+    }
+
+private:
+    size_t bytes_of(const Rect& r) const { return strip_of(bpp_, 0, r.cols).bytes; }
+    // Reads or writes the rows of r from or to `buf` (rows of bytes_of(r)).
+    int32_t transfer(const Rect& r, uint8_t* buf, bool put) {
+        const size_t bytes = bytes_of(r), at = strip_of(bpp_, r.col, 0).offset;
+        for (uint32_t y = 0; y < r.rows; ++y, buf += bytes) {
+            const size_t offset = static_cast<size_t>(uint64_t{r.row + y} * b_.BytesPerLine) + at;
+            const int64_t n = put ? ops_.store(b_, offset, buf, bytes) : ops_.fetch(b_, offset, buf, bytes);
+            if (n != static_cast<int64_t>(bytes)) return n < 0 ? static_cast<int32_t>(n) : ST_INVALID_BITMAP;
+        }
+        return ST_OK;
+    }
+
+    BitmapHandle& b_;
+    const storage::KindOps& ops_;
+    int32_t bpp_;
+    uint32_t side_, tile_, per_side_;
+    MemoryTurn turn_;
+    Buffer held_[4], moved_;
 };
 
 // Half turn of `src` into the result of `rep`, which it builds.
@@ -498,10 +590,37 @@ bool rotate_square(BitmapHandle& b, bool clockwise, bool cw, int32_t* status) {
     return true;
 }
 
+// Quarter turn of a square bitmap in tiled storage, in its own storage
+// (TiledSquareTurn).
+int32_t rotate_square_tiled(BitmapHandle& b, bool clockwise, bool cw) {
+    rows::RowStream stream(b);  // puts the row cursor back
+    TiledSquareTurn turn(b);
+    const uint32_t rings = turn.rings();
+    Progress progress(rings);
+    int32_t r = turn.init();
+    if (r != ST_OK || (r = progress.start()) != ST_OK) return r;
+    const auto undo = [&](uint32_t finished) {
+        for (uint32_t j = 0; j < finished; ++j) turn.ring(j, !cw);
+    };
+    for (uint32_t i = 0; i < rings; ++i) {
+        if ((r = turn.ring(i, cw)) != ST_OK) {
+            undo(i);
+            return r;
+        }
+        if ((r = progress.step()) != ST_OK) {
+            undo(i + 1);
+            return r;
+        }
+    }
+    if ((r = region::rotated(&b, b.Width, b.Height, clockwise ? 9000 : -9000)) != ST_OK) undo(rings);
+    return r;
+}
+
 int32_t rotate_quarter(BitmapHandle& b, bool clockwise) {
     const bool cw = clockwise != mirrored_perspective(b.ViewPerspective);
     int32_t status = ST_OK;
     if (SquareTurn::applies(b) && rotate_square(b, clockwise, cw, &status)) return status;
+    if (TiledSquareTurn::applies(b)) return rotate_square_tiled(b, clockwise, cw);
     const int32_t old_w = b.Width, old_h = b.Height;
     rows::Replacement rep;
     int32_t r = turn_quarter(b, cw, rep);

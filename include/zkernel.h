@@ -1249,10 +1249,11 @@ Z_EXPORT uint32_t Z_API Z_SQRT(uint32_t n);
  * with it, the old Width and Height and 9000 or -9000; only when both
  * succeed does it replace the old storage in the same record (Width and
  * Height exchanged, ViewPerspective, palette and resolutions kept). A square
- * bitmap in conventional or global memory whose side is a multiple of 16
- * turns in its own storage instead (Data and Size unchanged, no new storage;
- * the rotate hook is called with it turned, and a failing hook has it turned
- * back). Failures leave the record and pixels as they were: ST_NO_BITMAP
+ * bitmap in conventional or global memory or in tiled storage whose side is
+ * a multiple of 16 turns in its own storage instead (the record unchanged,
+ * no new storage; tiled storage holds about 40 MiB of its pixels in memory
+ * meanwhile; the rotate hook is called with it turned, and a failing hook
+ * has it turned back). Failures leave the record and pixels as they were: ST_NO_BITMAP
  * (null), ST_BAD_STRUCT_SIZE, ST_INVALID_BITMAP (no storage, or a record
  * whose sizes do not hold its pixels), ST_BAD_BPP, ST_NO_MEMORY, row-access
  * and temporary-file failures, the rotate hook's failure, or the status

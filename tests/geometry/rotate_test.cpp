@@ -623,82 +623,92 @@ TEST_F(RotateBitmap, OneBitTilesMatchTheModelInEveryTier) {
     }
 }
 
-// Square bitmaps in memory whose side is a multiple of 16 turn in their own
-// storage, ring by ring (tiles of 16 here, so that the 80-pixel side has
-// short tiles too): the model's result in the same block at every depth;
-// a callback stopping at any ring, a refusing rotate hook and every refused
-// allocation leave the record and pixels as they were.
+// Square bitmaps whose side is a multiple of 16 turn in their own storage,
+// ring by ring, in memory and in tiled storage (tiles of 16 here, so that
+// the 80-pixel side has short tiles too): the model's result with the
+// record untouched (same storage, nothing new) at every depth; a callback
+// stopping at any ring, a refusing rotate hook and every refused
+// allocation, mapping and file call leave the record and pixels as they
+// were.
 TEST_F(RotateBitmap, SquaresTurnInTheirOwnStorage) {
     zk::rotate::set_square_tile_for_testing(16);
-    const auto square = [](int side, int bpp, BitmapHandle& b, const Image& im) {
-        b = zktest::described(side, side, bpp);
-        ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_CONV), ST_OK);
+    const Kind kinds[] = {Kind::Conventional, Kind::TiledMemory, Kind::TiledDisk, Kind::TiledMixed};
+    const auto square = [](Kind kind, int side, int bpp, BitmapHandle& b, const Image& im) {
+        std::vector<uint8_t> unused;
+        zktest::make_bitmap(kind, side, side, bpp, b, unused, 7);
         b.ViewPerspective = VP_TOP_LEFT;
         put_image(b, im);
     };
-    for (int bpp : kDepths)
-        for (int side : {16, 80}) {
-            SCOPED_TRACE(::testing::Message() << bpp << " bits, side " << side);
-            const Image im = random_image(side, side, bpp, uint32_t(bpp * side));
-            BitmapHandle b{};
-            square(side, bpp, b, im);
-            if (::testing::Test::HasFatalFailure()) return;
-            void* const data = b.Data;
-            ASSERT_EQ(Z_RotateBitmap90(&b, 1), ST_OK);
-            ASSERT_TRUE(get_image(b) == turn(im, true));
-            ASSERT_EQ(Z_RotateBitmap90(&b, 0), ST_OK);
-            ASSERT_EQ(Z_RotateBitmap(&b, -9000, 0, 0), ST_OK);
-            ASSERT_TRUE(get_image(b) == turn(im, false));
-            ASSERT_EQ(Z_RotateBitmap(&b, 9000, 0, 0), ST_OK);
-            ASSERT_TRUE(get_image(b) == im);
-            EXPECT_EQ(b.Data, data);
-            Z_FreeBitmap(&b);
-        }
+    for (Kind kind : kinds)
+        for (int bpp : kDepths)
+            for (int side : {16, 80}) {
+                SCOPED_TRACE(::testing::Message() << zktest::kind_name(kind) << ", " << bpp << " bits, side " << side);
+                const Image im = random_image(side, side, bpp, uint32_t(bpp * side));
+                BitmapHandle b{};
+                square(kind, side, bpp, b, im);
+                if (::testing::Test::HasFatalFailure()) return;
+                BitmapHandle before;
+                std::memcpy(&before, &b, sizeof b);
+                ASSERT_EQ(Z_RotateBitmap90(&b, 1), ST_OK);
+                ASSERT_TRUE(get_image(b) == turn(im, true));
+                EXPECT_EQ(std::memcmp(&before, &b, sizeof b), 0);
+                ASSERT_EQ(Z_RotateBitmap90(&b, 0), ST_OK);
+                ASSERT_EQ(Z_RotateBitmap(&b, -9000, 0, 0), ST_OK);
+                ASSERT_TRUE(get_image(b) == turn(im, false));
+                ASSERT_EQ(Z_RotateBitmap(&b, 9000, 0, 0), ST_OK);
+                ASSERT_TRUE(get_image(b) == im);
+                EXPECT_EQ(std::memcmp(&before, &b, sizeof b), 0);
+                Z_FreeBitmap(&b);
+            }
 
-    const Image im = random_image(80, 80, 4, 11);
-    BitmapHandle b{};
-    square(80, 4, b, im);
-    if (::testing::Test::HasFatalFailure()) return;
-    BitmapHandle before;
-    std::memcpy(&before, &b, sizeof b);
-    const auto unchanged = [&] {
-        EXPECT_EQ(std::memcmp(&before, &b, sizeof b), 0);
-        EXPECT_TRUE(get_image(b) == im);
-    };
-    Calls all;
-    ASSERT_EQ(Z_SetStatusCallBack(progress, &all, nullptr, nullptr), ST_OK);
-    ASSERT_EQ(Z_RotateBitmap90(&b, 1), ST_OK);
-    ASSERT_EQ(Z_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr), ST_OK);
-    ASSERT_EQ(Z_RotateBitmap90(&b, 0), ST_OK);
-    EXPECT_EQ(all.percents.size(), 10u);  // the start and each of the nine rings
-    EXPECT_EQ(all.percents.back(), 100);
-    for (size_t stop = 0; stop < all.percents.size(); ++stop) {
-        Calls c;
-        c.stop_at = stop;
-        ASSERT_EQ(Z_SetStatusCallBack(progress, &c, nullptr, nullptr), ST_OK);
-        EXPECT_EQ(Z_RotateBitmap90(&b, 1), -99);
+    for (Kind kind : {Kind::Conventional, Kind::TiledDisk}) {
+        SCOPED_TRACE(zktest::kind_name(kind));
+        const Image im = random_image(80, 80, 4, 11);
+        BitmapHandle b{};
+        square(kind, 80, 4, b, im);
+        if (::testing::Test::HasFatalFailure()) return;
+        BitmapHandle before;
+        std::memcpy(&before, &b, sizeof b);
+        const auto unchanged = [&] {
+            EXPECT_EQ(std::memcmp(&before, &b, sizeof b), 0);
+            EXPECT_TRUE(get_image(b) == im);
+        };
+        Calls all;
+        ASSERT_EQ(Z_SetStatusCallBack(progress, &all, nullptr, nullptr), ST_OK);
+        ASSERT_EQ(Z_RotateBitmap90(&b, 1), ST_OK);
         ASSERT_EQ(Z_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr), ST_OK);
+        ASSERT_EQ(Z_RotateBitmap90(&b, 0), ST_OK);
+        EXPECT_EQ(all.percents.size(), 10u);  // the start and each of the nine rings
+        EXPECT_EQ(all.percents.back(), 100);
+        for (size_t stop = 0; stop < all.percents.size(); ++stop) {
+            Calls c;
+            c.stop_at = stop;
+            ASSERT_EQ(Z_SetStatusCallBack(progress, &c, nullptr, nullptr), ST_OK);
+            EXPECT_EQ(Z_RotateBitmap90(&b, 1), -99);
+            ASSERT_EQ(Z_SetStatusCallBack(nullptr, nullptr, nullptr, nullptr), ST_OK);
+            unchanged();
+        }
+        Z_DISDISPATCH table{};
+        table.Entry[12] = reinterpret_cast<Z_DISPATCHPROC>(&rotate_hook);
+        ASSERT_EQ(Z_SetDisDispatch(&table), ST_OK);
+        g_hook = HookLog{};
+        g_hook.result = -77;
+        EXPECT_EQ(Z_RotateBitmap90(&b, 0), -77);
+        EXPECT_EQ(g_hook.angle, -9000);
+        Z_DISDISPATCH empty{};
+        ASSERT_EQ(Z_SetDisDispatch(&empty), ST_OK);
         unchanged();
+        zktest::sweep_faults({FaultKind::Allocation, FaultKind::Mapping, FaultKind::File}, 400,
+                             [&](FaultKind fk, int n) {
+                                 const int32_t r = zktest::under_fault(fk, n, [&] { return Z_RotateBitmap90(&b, 1); });
+                                 if (r == ST_OK) return Z_RotateBitmap90(&b, 0) == ST_OK;
+                                 EXPECT_EQ(r, ST_NO_MEMORY);
+                                 unchanged();
+                                 return false;
+                             });
+        unchanged();
+        Z_FreeBitmap(&b);
     }
-    Z_DISDISPATCH table{};
-    table.Entry[12] = reinterpret_cast<Z_DISPATCHPROC>(&rotate_hook);
-    ASSERT_EQ(Z_SetDisDispatch(&table), ST_OK);
-    g_hook = HookLog{};
-    g_hook.result = -77;
-    EXPECT_EQ(Z_RotateBitmap90(&b, 0), -77);
-    EXPECT_EQ(g_hook.angle, -9000);
-    Z_DISDISPATCH empty{};
-    ASSERT_EQ(Z_SetDisDispatch(&empty), ST_OK);
-    unchanged();
-    zktest::sweep_faults({FaultKind::Allocation}, 50, [&](FaultKind fk, int n) {
-        const int32_t r = zktest::under_fault(fk, n, [&] { return Z_RotateBitmap90(&b, 1); });
-        if (r == ST_OK) return Z_RotateBitmap90(&b, 0) == ST_OK;
-        EXPECT_EQ(r, ST_NO_MEMORY);
-        unchanged();
-        return false;
-    });
-    unchanged();
-    Z_FreeBitmap(&b);
 }
 
 }  // namespace
