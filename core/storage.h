@@ -66,6 +66,15 @@ bool map_tile(BitmapHandle& bitmap, uint32_t index);
 // Removes the oldest tile from the mapped list and unmaps its view.
 void unmap_oldest(BitmapHandle& bitmap);
 
+// Moves `count` bytes at `offset` (from the first byte of row 0) between
+// tiled storage and `buffer` like the kind's fetch and store, but reaches
+// disk tiles that are not mapped through their files instead of mapping
+// them: for many short pieces spread over the image, which through views
+// would map a tile and fault in its pages again every few rows. ST_OK,
+// ST_BAD_PARAM (outside the pixels), ST_FILE_SEEK, ST_FILE_READ or
+// ST_FILE_WRITE.
+int32_t tiled_transfer_unmapped(BitmapHandle& bitmap, size_t offset, uint8_t* buffer, size_t count, bool put);
+
 // Unmaps oldest first down to `target`, or walks the tiles from MemTiles
 // onward mapping unmapped disk tiles up to `target` (never above MaxMapped or
 // the disk tiles there are); memory tiles met right after the memory tiles

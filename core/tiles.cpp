@@ -49,17 +49,18 @@ void destroy_table(TileTable* t, const BitmapHandle& b, uint32_t built) {
 }
 
 // Moves `count` bytes between `buffer` and the tile file at `offset` with the
-// library's own routines. Failures are not reported (the tiled path returns
-// the requested count regardless).
-void file_transfer(Z_FILE file, uint64_t offset, uint8_t* buffer, size_t count, bool put) {
-    if (Z_OsSeek(file, static_cast<int64_t>(offset), 0, nullptr) != static_cast<int64_t>(offset)) return;
+// library's own routines: ST_OK or why not (row access through the kind's
+// fetch and store does not report it: it returns the requested count).
+int32_t file_transfer(Z_FILE file, uint64_t offset, uint8_t* buffer, size_t count, bool put) {
+    if (Z_OsSeek(file, static_cast<int64_t>(offset), 0, nullptr) != static_cast<int64_t>(offset)) return ST_FILE_SEEK;
     while (count > 0) {
         const uint32_t n = static_cast<uint32_t>(std::min(count, kFileChunk));
         const int32_t moved = put ? Z_OsWrite(file, buffer, n, nullptr) : Z_OsRead(file, buffer, n, nullptr);
-        if (moved <= 0) return;
+        if (moved <= 0) return put ? ST_FILE_WRITE : ST_FILE_READ;
         buffer += moved;
         count -= static_cast<size_t>(moved);
     }
+    return ST_OK;
 }
 
 // Makes disk tile `index` addressable when the mapped limit allows: maps it
@@ -75,37 +76,59 @@ uint8_t* ensure_view(BitmapHandle& b, TileTable* t, uint32_t index) {
     }
 }
 
-// Moves one piece that lies inside tile `index`.
-void piece(BitmapHandle& b, TileTable* t, uint32_t index, size_t start, uint8_t* buffer, size_t count, bool put) {
+// Moves one piece that lies inside tile `index`: through the tile's view
+// (mapping a disk tile first when `map` says so), else through its file.
+int32_t piece(BitmapHandle& b, TileTable* t, uint32_t index, size_t start, uint8_t* buffer, size_t count, bool put,
+              bool map) {
     TileEntry& e = t->entries()[index];
-    uint8_t* view = e.file == Z_INVALID_FILE ? e.view : ensure_view(b, t, index);
+    uint8_t* view = e.file == Z_INVALID_FILE || !map ? e.view : ensure_view(b, t, index);
     if (view) {
         if (put)
             std::memcpy(view + start, buffer, count);
         else
             std::memcpy(buffer, view + start, count);
-        return;
+        return ST_OK;
     }
-    if (e.file != Z_INVALID_FILE) file_transfer(e.file, start, buffer, count, put);
+    return e.file != Z_INVALID_FILE ? file_transfer(e.file, start, buffer, count, put) : ST_INVALID_BITMAP;
 }
 
-int64_t tiled_transfer(BitmapHandle& b, size_t offset, uint8_t* buffer, size_t count, bool put) {
-    TileTable* t = tile_table(b);
-    if (!t || t->RowsPerTile == 0 || t->TileCount == 0) return ST_INVALID_BITMAP;
-    if (offset > reachable_bytes(b) || count > reachable_bytes(b) - offset) return ST_BAD_PARAM;
+// The span's pieces, tile by tile, once the span has been checked: ST_OK,
+// or the first piece's failure (the others are still moved).
+int32_t pieces(BitmapHandle& b, TileTable* t, size_t offset, uint8_t* buffer, size_t count, bool put, bool map) {
     const size_t full = size_t{b.BytesPerLine} * t->RowsPerTile;
     uint32_t index = static_cast<uint32_t>(offset / full);
     size_t start = offset % full;
     size_t left = count;
+    int32_t status = ST_OK;
     while (left > 0 && index < t->TileCount) {
         const size_t bytes = tile_bytes(b, index);
         const size_t n = std::min(left, bytes - start);
-        piece(b, t, index, start, buffer, n, put);
+        if (const int32_t r = piece(b, t, index, start, buffer, n, put, map); r != ST_OK && status == ST_OK) status = r;
         buffer += n;
         left -= n;
         ++index;
         start = 0;
     }
+    return status;
+}
+
+// The table of a tiled bitmap whose pixels hold the span, else null with
+// the status in *status.
+TileTable* checked_table(BitmapHandle& b, size_t offset, size_t count, int32_t* status) {
+    TileTable* t = tile_table(b);
+    *status = !t || t->RowsPerTile == 0 || t->TileCount == 0                       ? ST_INVALID_BITMAP
+              : offset > reachable_bytes(b) || count > reachable_bytes(b) - offset ? ST_BAD_PARAM
+                                                                                   : ST_OK;
+    return *status == ST_OK ? t : nullptr;
+}
+
+int64_t tiled_transfer(BitmapHandle& b, size_t offset, uint8_t* buffer, size_t count, bool put) {
+    int32_t status = ST_OK;
+    TileTable* t = checked_table(b, offset, count, &status);
+    if (!t) return status;
+    // Row access moves the span it was asked for: a file that fails under a
+    // tile whose view could not be made is not reported.
+    pieces(b, t, offset, buffer, count, put, true);
     return static_cast<int64_t>(count);
 }
 
@@ -174,6 +197,12 @@ bool map_tile(BitmapHandle& b, uint32_t index) {
     e[t->MappedCount].mapped = index;
     ++t->MappedCount;
     return true;
+}
+
+int32_t tiled_transfer_unmapped(BitmapHandle& b, size_t offset, uint8_t* buffer, size_t count, bool put) {
+    int32_t status = ST_OK;
+    TileTable* t = checked_table(b, offset, count, &status);
+    return t ? pieces(b, t, offset, buffer, count, put, false) : status;
 }
 
 void unmap_oldest(BitmapHandle& b) {

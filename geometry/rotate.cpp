@@ -461,7 +461,7 @@ private:
 // four rectangles of a ring and one turned rectangle are held in memory,
 // each about kStoredRect bytes, so that every row segment read or written
 // spans a few pages (a tile is mapped and faulted in once for many rows).
-constexpr uint64_t kStoredRect = uint64_t{8} << 20;
+constexpr uint64_t kStoredRect = uint64_t{16} << 20;
 uint32_t stored_tile(int32_t bpp, uint32_t side) {
     if (const uint32_t t = g_square_tile.load()) return std::min(t, side / 2);
     const uint64_t bits = kStoredRect * 8 / static_cast<uint32_t>(bpp);
@@ -476,14 +476,12 @@ uint32_t stored_tile(int32_t bpp, uint32_t side) {
 // and written once, through the tiles, and no new storage is taken (a turn
 // into new storage would reserve, fault in and zero a second image on
 // disk). A ring is complete or put back as it was (its rectangles are held
-// whole), and a stop is undone by moving the finished rings back; tiled
-// storage reads and writes rows without failing, so the undoing does not
-// fail.
+// whole), and a failure or a stop is undone by moving the finished rings
+// back.
 class TiledSquareTurn {
 public:
     explicit TiledSquareTurn(BitmapHandle& b)
         : b_(b),
-          ops_(*storage::kind_ops(b)),
           bpp_(b.BitsPerPixel),
           side_(static_cast<uint32_t>(b.Width)),
           tile_(stored_tile(bpp_, side_)),
@@ -491,8 +489,8 @@ public:
           turn_(bpp_, tile_, tile_, false) {}
 
     static bool applies(const BitmapHandle& b) {
-        return has(b, BF_TILED) && !has(b, BF_COMPRESSED | BF_SUPERCOMPRESSED) && storage::kind_ops(b) &&
-               b.Width == b.Height && b.Width % 16 == 0;
+        return has(b, BF_TILED) && !has(b, BF_COMPRESSED | BF_SUPERCOMPRESSED) && b.Width == b.Height &&
+               b.Width % 16 == 0;
     }
     int32_t init() {
         if (turn_.init() != ST_OK) return ST_NO_MEMORY;
@@ -523,19 +521,21 @@ public:
 
 private:
     size_t bytes_of(const Rect& r) const { return strip_of(bpp_, 0, r.cols).bytes; }
-    // Reads or writes the rows of r from or to `buf` (rows of bytes_of(r)).
+    // Reads or writes the rows of r from or to `buf` (rows of bytes_of(r)),
+    // disk tiles through their files: a rectangle's rows are short pieces
+    // of many tiles, which through the tiles' views would be mapped and
+    // faulted in again for every rectangle.
     int32_t transfer(const Rect& r, uint8_t* buf, bool put) {
         const size_t bytes = bytes_of(r), at = strip_of(bpp_, r.col, 0).offset;
         for (uint32_t y = 0; y < r.rows; ++y, buf += bytes) {
             const size_t offset = static_cast<size_t>(uint64_t{r.row + y} * b_.BytesPerLine) + at;
-            const int64_t n = put ? ops_.store(b_, offset, buf, bytes) : ops_.fetch(b_, offset, buf, bytes);
-            if (n != static_cast<int64_t>(bytes)) return n < 0 ? static_cast<int32_t>(n) : ST_INVALID_BITMAP;
+            if (const int32_t st = storage::tiled_transfer_unmapped(b_, offset, buf, bytes, put); st != ST_OK)
+                return st;
         }
         return ST_OK;
     }
 
     BitmapHandle& b_;
-    const storage::KindOps& ops_;
     int32_t bpp_;
     uint32_t side_, tile_, per_side_;
     MemoryTurn turn_;

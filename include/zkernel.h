@@ -1251,7 +1251,7 @@ Z_EXPORT uint32_t Z_API Z_SQRT(uint32_t n);
  * Height exchanged, ViewPerspective, palette and resolutions kept). A square
  * bitmap in conventional or global memory or in tiled storage whose side is
  * a multiple of 16 turns in its own storage instead (the record unchanged,
- * no new storage; tiled storage holds about 40 MiB of its pixels in memory
+ * no new storage; tiled storage holds about 80 MiB of its pixels in memory
  * meanwhile; the rotate hook is called with it turned, and a failing hook
  * has it turned back). Failures leave the record and pixels as they were: ST_NO_BITMAP
  * (null), ST_BAD_STRUCT_SIZE, ST_INVALID_BITMAP (no storage, or a record

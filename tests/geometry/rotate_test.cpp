@@ -698,11 +698,14 @@ TEST_F(RotateBitmap, SquaresTurnInTheirOwnStorage) {
         Z_DISDISPATCH empty{};
         ASSERT_EQ(Z_SetDisDispatch(&empty), ST_OK);
         unchanged();
-        zktest::sweep_faults({FaultKind::Allocation, FaultKind::Mapping, FaultKind::File}, 400,
+        zktest::sweep_faults({FaultKind::Allocation, FaultKind::Mapping, FaultKind::File}, 3000,
                              [&](FaultKind fk, int n) {
                                  const int32_t r = zktest::under_fault(fk, n, [&] { return Z_RotateBitmap90(&b, 1); });
                                  if (r == ST_OK) return Z_RotateBitmap90(&b, 0) == ST_OK;
-                                 EXPECT_EQ(r, ST_NO_MEMORY);
+                                 if (fk == FaultKind::File)  // disk tiles are read and written through their files
+                                     EXPECT_TRUE(r == ST_FILE_SEEK || r == ST_FILE_READ || r == ST_FILE_WRITE) << r;
+                                 else
+                                     EXPECT_EQ(r, ST_NO_MEMORY);
                                  unchanged();
                                  return false;
                              });
