@@ -225,9 +225,66 @@ inline uint64_t reverse_units(uint64_t v) {
     if constexpr (Unit == 4) return (v >> 32) | (v << 32);
     return v;
 }
+#if ZK_X86_TIERS
+// Lane shuffle reversing the units of `Unit` bytes inside each 16-byte lane.
+template <int Unit>
+constexpr std::array<uint8_t, 32> units_back() {
+    std::array<uint8_t, 32> t{};
+    for (int k = 0; k < 32; ++k) t[k] = static_cast<uint8_t>((15 - k % 16) / Unit * Unit + k % Unit);
+    return t;
+}
+
+// 32 bytes from each end at a time: units reversed inside each lane, then
+// the two lanes exchanged. Leaves [*i, *j) to the portable loop.
+template <int Unit>
+__attribute__((target("avx2"))) void mirror_units_avx2(uint8_t* row, size_t* i, size_t* j) {
+    static constexpr std::array<uint8_t, 32> kBack = units_back<Unit>();
+    const __m256i back = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(kBack.data()));
+    size_t a = *i, b = *j;
+    for (; b - a >= 64; a += 32, b -= 32) {
+        const __m256i x = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(row + a));
+        const __m256i y = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(row + b - 32));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(row + a),
+                            _mm256_permute4x64_epi64(_mm256_shuffle_epi8(y, back), 0x4E));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(row + b - 32),
+                            _mm256_permute4x64_epi64(_mm256_shuffle_epi8(x, back), 0x4E));
+    }
+    *i = a;
+    *j = b;
+}
+
+// The same with 64 bytes from each end and one byte permute each, where the
+// processor has the 512-bit tier.
+template <int Unit>
+constexpr std::array<uint8_t, 64> units_back64() {
+    std::array<uint8_t, 64> t{};
+    for (int k = 0; k < 64; ++k) t[k] = static_cast<uint8_t>((63 - k) / Unit * Unit + k % Unit);
+    return t;
+}
+
+template <int Unit>
+__attribute__((target("avx512f,avx512bw,avx512vbmi"))) void mirror_units_avx512(uint8_t* row, size_t* i, size_t* j) {
+    static constexpr std::array<uint8_t, 64> kBack = units_back64<Unit>();
+    const __m512i back = _mm512_loadu_si512(kBack.data());
+    size_t a = *i, b = *j;
+    for (; b - a >= 128; a += 64, b -= 64) {
+        const __m512i x = _mm512_loadu_si512(row + a);
+        const __m512i y = _mm512_loadu_si512(row + b - 64);
+        _mm512_storeu_si512(row + a, _mm512_permutexvar_epi8(back, y));
+        _mm512_storeu_si512(row + b - 64, _mm512_permutexvar_epi8(back, x));
+    }
+    *i = a;
+    *j = b;
+}
+#endif
+
 template <int Unit>
 void mirror_units(uint8_t* row, uint32_t width) {
     size_t i = 0, j = static_cast<size_t>(uint64_t{width} * Unit);
+#if ZK_X86_TIERS
+    if (j >= 128 && platform::cpu_tier() >= platform::CpuTier::AVX512) mirror_units_avx512<Unit>(row, &i, &j);
+    if (j - i >= 64 && platform::cpu_tier() >= platform::CpuTier::AVX2) mirror_units_avx2<Unit>(row, &i, &j);
+#endif
     for (; j - i >= 16; i += 8, j -= 8) {
         const uint64_t a = load64(row + i);
         const uint64_t c = load64(row + j - 8);
@@ -332,8 +389,56 @@ __attribute__((target("avx2"))) void mirror24_avx2(uint8_t* row, uint32_t width)
 }
 #endif
 
+#if ZK_X86_TIERS
+// 24 bits where the processor has the 512-bit tier: 32 pixels (96 bytes)
+// from each end at a time, each reversed by two two-register byte permutes
+// (output byte 3m + c is source byte 93 - 3m + c); the middle goes to the
+// AVX2 kernel.
+constexpr std::array<uint8_t, 128> make_back96() {
+    std::array<uint8_t, 128> t{};
+    for (int o = 0; o < 96; ++o) t[o] = static_cast<uint8_t>(93 - 3 * (o / 3) + o % 3);
+    return t;
+}
+constexpr std::array<uint8_t, 128> kBack96 = make_back96();
+
+#define ZK_MIRROR512_TARGET __attribute__((target("avx512f,avx512bw,avx512vbmi")))
+
+// The 96 bytes at p reversed pixel by pixel, as 64 + 32 bytes.
+ZK_MIRROR512_TARGET inline void reverse96(const uint8_t* p, __m512i lo_index, __m512i hi_index, __m512i* lo,
+                                          __m256i* hi) {
+    const __m512i a = _mm512_loadu_si512(p);
+    const __m512i b = _mm512_castsi256_si512(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 64)));
+    *lo = _mm512_permutex2var_epi8(a, lo_index, b);
+    *hi = _mm512_castsi512_si256(_mm512_permutex2var_epi8(a, hi_index, b));
+}
+
+ZK_MIRROR512_TARGET void mirror24_avx512(uint8_t* row, uint32_t width) {
+    const __m512i lo_index = _mm512_loadu_si512(kBack96.data());
+    const __m512i hi_index = _mm512_loadu_si512(kBack96.data() + 64);
+    size_t i = 0, j = width;  // pixels [i, j) are still to be mirrored
+    for (; j - i >= 64; i += 32, j -= 32) {
+        uint8_t* left = row + 3 * i;
+        uint8_t* right = row + 3 * (j - 32);
+        __m512i l0, r0;
+        __m256i l1, r1;
+        reverse96(left, lo_index, hi_index, &l0, &l1);
+        reverse96(right, lo_index, hi_index, &r0, &r1);
+        _mm512_storeu_si512(left, r0);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(left + 64), r1);
+        _mm512_storeu_si512(right, l0);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(right + 64), l1);
+    }
+    mirror24_avx2(row + 3 * i, static_cast<uint32_t>(j - i));
+}
+#undef ZK_MIRROR512_TARGET
+#endif
+
 void mirror24(uint8_t* row, uint32_t width) {
 #if ZK_X86_TIERS
+    if (width >= 64 && platform::cpu_tier() >= platform::CpuTier::AVX512) {
+        mirror24_avx512(row, width);
+        return;
+    }
     if (width >= 32 && platform::cpu_tier() >= platform::CpuTier::AVX2) {
         mirror24_avx2(row, width);
         return;
