@@ -46,15 +46,18 @@ uint32_t square_side(uint64_t bytes, int32_t bpp) {
     return static_cast<uint32_t>(rows);
 }
 
+// A band or ring tile rounded down to whole tiles of the processor's tile
+// kernel for the depth, where there is one and it fits.
+uint32_t whole_tiles(uint32_t rows, int32_t bpp) {
+    const TileKernel* t = tile_kernel(bpp);
+    return t && rows >= t->side ? rows / t->side * t->side : rows;
+}
+
 // Memory turns take square tiles: the band's strips (what each destination
 // row receives) as long as the pieces read from each band row, so that the
 // reads and the writes both come in runs of several lines while the block
 // of band columns fills the second-level cache.
-uint32_t memory_band(int32_t bpp) { return square_side(kChunkBytes, bpp); }
-
-// Bytes of each destination row that the 1-bit tiles gather before they
-// are stored (two tiles).
-constexpr uint32_t kTile1Stage = 2 * kTile1 / 8;
+uint32_t memory_band(int32_t bpp) { return whole_tiles(square_side(kChunkBytes, bpp), bpp); }
 
 // Side of the tiles of an in-place square turn; 0: the default, tiles of
 // half the block size, since a ring keeps three tile-sized blocks in the
@@ -131,12 +134,13 @@ public:
         chunk_row_ = strip_of(bpp, 0, chunk_px_).bytes;
     }
     // The block has 8 bytes of slack for the word reads of the kernels.
-    // Turns at 1 bit with whole 512-pixel tiles also take the tile kernel's
-    // scratch block.
+    // Turns with whole tiles for the processor's tile kernel also take its
+    // scratch block and stage.
     int32_t init() {
         if (!chunk_.alloc(uint64_t{band_} * chunk_row_ + 8, true)) return ST_NO_MEMORY;
-        if (bpp_ == 1 && width_ >= kTile1 && band_ >= kTile1 && turn1_tiles_available() &&
-            !tile_scratch_.alloc(kTile1Scratch + uint64_t{kTile1} * kTile1Stage + 63, false))
+        tiles_ = tile_kernel(bpp_);
+        if (tiles_ && (width_ < tiles_->side || band_ < tiles_->side)) tiles_ = nullptr;
+        if (tiles_ && !tile_block_.alloc(tiles_->scratch_bytes + uint64_t{tiles_->side} * stage_row() + 63, false))
             return ST_NO_MEMORY;
         return ST_OK;
     }
@@ -148,25 +152,27 @@ public:
     template <typename Sink>
     int32_t run(const uint8_t* const* rows, uint32_t n, uint32_t width, Sink& sink) {
         uint32_t from = 0;
-        if (tile_scratch_.p && sink.base && turn1_tiles_available() && n >= kTile1 && width >= kTile1) {
+        if (tiles_ && sink.base && n >= tiles_->side && width >= tiles_->side) {
             // Whole tiles straight from the band rows into the destination;
             // the band rows past the last whole tile, then the destination
             // rows past it, go the general way.
-            const uint32_t whole_rows = n / kTile1 * kTile1;
-            from = width / kTile1 * kTile1;
+            const uint32_t side = tiles_->side, group = side * tiles_->group;
+            const uint32_t whole_rows = n / side * side;
+            from = width / side * side;
             auto* const scratch =
-                reinterpret_cast<uint8_t*>((reinterpret_cast<uintptr_t>(tile_scratch_.p) + 63) & ~uintptr_t{63});
-            uint8_t* const stage = scratch + kTile1Scratch;
-            uint8_t* out[kTile1];
-            for (uint32_t d = 0; d < from; d += kTile1)
-                for (uint32_t k0 = 0; k0 < whole_rows; k0 += 8 * kTile1Stage) {
+                reinterpret_cast<uint8_t*>((reinterpret_cast<uintptr_t>(tile_block_.p) + 63) & ~uintptr_t{63});
+            uint8_t* const stage = scratch + tiles_->scratch_bytes;
+            const size_t stage_bytes = stage_row();
+            uint8_t* out[kMaxTileSide];
+            for (uint32_t d = 0; d < from; d += side)
+                for (uint32_t k0 = 0; k0 < whole_rows; k0 += group) {
                     // Tiles side by side in the stage, then whole runs of
                     // each destination row.
-                    const uint32_t m = std::min<uint32_t>(whole_rows - k0, 8 * kTile1Stage);
-                    for (uint32_t k = 0; k < m; k += kTile1)
-                        turn1_tile(rows + k0 + k, d / 8, stage + k / 8, kTile1Stage, scratch);
-                    for (uint32_t x = 0; x < kTile1; ++x) out[x] = sink.target(d + x) + k0 / 8;
-                    turn1_store(stage, kTile1Stage, m / 8, out, sink.stream);
+                    const uint32_t m = std::min(whole_rows - k0, group);
+                    for (uint32_t k = 0; k < m; k += side)
+                        tiles_->turn(rows + k0 + k, bytes_of(d), stage + bytes_of(k), stage_bytes, scratch);
+                    for (uint32_t x = 0; x < side; ++x) out[x] = sink.target(d + x) + bytes_of(k0);
+                    store_runs(stage, stage_bytes, bytes_of(m), out, side, sink.stream);
                 }
             if (whole_rows < n) {
                 const uint32_t column = sink.column;
@@ -201,10 +207,16 @@ private:
         return ST_OK;
     }
 
+    // Bytes of `px` pixels (whole bytes at the tile kernels' depths).
+    size_t bytes_of(uint32_t px) const { return size_t{px} * static_cast<uint32_t>(bpp_) / 8; }
+    // Bytes of each destination row the stage gathers: a group of tiles.
+    size_t stage_row() const { return bytes_of(tiles_->side * tiles_->group); }
+
     int32_t bpp_;
     uint32_t width_, band_, chunk_px_;
     size_t chunk_row_;
-    Buffer chunk_, tile_scratch_;
+    Buffer chunk_, tile_block_;
+    const TileKernel* tiles_ = nullptr;
 };
 
 // Where the strips go. A group of strips is transposed into a stage small
@@ -405,7 +417,9 @@ public:
     SquareTurn(BitmapHandle& b, uint8_t* pixels)
         : bpp_(b.BitsPerPixel),
           side_(static_cast<uint32_t>(b.Width)),
-          tile_(std::min(g_square_tile.load() ? g_square_tile.load() : square_side(kChunkBytes / 2, bpp_), side_ / 2)),
+          tile_(std::min(
+              g_square_tile.load() ? g_square_tile.load() : whole_tiles(square_side(kChunkBytes / 2, bpp_), bpp_),
+              side_ / 2)),
           pixels_(pixels),
           stride_(b.BytesPerLine),
           per_side_((side_ / 2 + tile_ - 1) / tile_),

@@ -38,22 +38,31 @@ constexpr uint32_t strip_group(int32_t bpp) { return bpp == 1 ? 64 : 8; }
 void transpose_strip(int32_t bpp, const uint8_t* band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
                      uint8_t* const* out);
 
-// Whole tiles of kTile1 x kTile1 pixels at 1 bit, where the processor has
-// the kernels for them (turn1_tiles_available). turn1_tile: rows[0 ..
-// kTile1-1] are the band rows (in destination column order), each read for
-// its kTile1 pixels from byte `col`; destination row x receives its
-// kTile1 / 8 bytes at out + x * out_stride (aligned to 64, as `scratch`,
-// kTile1Scratch bytes, must be). turn1_store: `bytes` (a multiple of 64)
-// of each of kTile1 rows `stride` bytes apart from `stage` (aligned to 64)
-// go to dst[x]; `stream`: 64-byte aligned destinations are written around
-// the caches. A destination is written through a stage because rows a
-// power of two apart share a few cache sets: 64 bytes a row at a time
-// there cost about four times what 128 do.
-constexpr uint32_t kTile1 = 512;
-constexpr size_t kTile1Scratch = (64 + 512) * 64;
-bool turn1_tiles_available();
-void turn1_tile(const uint8_t* const* rows, size_t col, uint8_t* out, size_t out_stride, void* scratch);
-void turn1_store(const uint8_t* stage, size_t stride, size_t bytes, uint8_t* const* dst, bool stream);
+// Whole square tiles turned straight from band rows, where the processor
+// has a kernel for the depth (tile_kernel: null where it has none). A tile
+// is `side` band rows by `side` pixels, 64 bytes of each band row and of
+// each destination row. turn: rows[0 .. side-1] are the band rows (in
+// destination column order), each read for the tile's pixels from byte
+// `col`; destination row x receives its 64 bytes at out + x * out_stride
+// (aligned to 64, as `scratch`, `scratch_bytes` long, must be). Results
+// are gathered for `group` tiles of band rows in a stage and then stored a
+// run of each destination row at a time (store_runs): rows a power of two
+// apart share a few cache sets, and 64-byte pieces there cost about four
+// times what 128-byte ones do.
+constexpr uint32_t kMaxTileSide = 512;
+struct TileKernel {
+    uint32_t side;  // at most kMaxTileSide
+    uint32_t group;
+    size_t scratch_bytes;
+    void (*turn)(const uint8_t* const* rows, size_t col, uint8_t* out, size_t out_stride, void* scratch);
+};
+const TileKernel* tile_kernel(int32_t bpp);
+
+// Stores `bytes` (a multiple of 64) from each of `count` stage rows `stride`
+// bytes apart from `stage` (aligned to 64) to dst[x]; `stream`: 64-byte
+// aligned destinations are written around the caches. Only where
+// tile_kernel gave a kernel.
+void store_runs(const uint8_t* stage, size_t stride, size_t bytes, uint8_t* const* dst, uint32_t count, bool stream);
 
 // Rows a band may hold: a multiple of 8, at least 8, with band rows of
 // `row_bytes` bytes taking about `budget` bytes.

@@ -421,12 +421,12 @@ __attribute__((target("avx2"))) void transpose24_avx2(const uint8_t* p, size_t s
 #endif
 
 #if ZK_X86_TIERS
-#define ZK_TILE1_TARGET __attribute__((target("avx512f,avx512bw,avx512vbmi,gfni")))
+#define ZK_TILE_TARGET __attribute__((target("avx512f,avx512bw,avx512vbmi,gfni")))
 
 // Exchanges bit m of the register index with bit m of the 64-bit word
 // index over v[0..7], for m = 1, 2 and 4: afterwards word i of v[g] is what
 // word g of v[i] was.
-ZK_TILE1_TARGET inline void transpose8x8_words(__m512i (&v)[8]) {
+ZK_TILE_TARGET inline void transpose8x8_words(__m512i (&v)[8]) {
 #pragma GCC unroll 4
     for (int i = 0; i < 8; i += 2) {
         const __m512i a = v[i], b = v[i + 1];
@@ -453,7 +453,7 @@ ZK_TILE1_TARGET inline void transpose8x8_words(__m512i (&v)[8]) {
 // each 64-bit word over v[0..7], for m = 1, 2 and 4, with shifts and
 // blends (no shuffles): afterwards byte b of each word of v[i] is what byte
 // i of that word of v[b] was.
-ZK_TILE1_TARGET inline void transpose8x8_word_bytes(__m512i (&v)[8]) {
+ZK_TILE_TARGET inline void transpose8x8_word_bytes(__m512i (&v)[8]) {
 #pragma GCC unroll 4
     for (int i = 0; i < 8; i += 2) {
         const __m512i a = v[i], b = v[i + 1];
@@ -488,8 +488,8 @@ ZK_TILE1_TARGET inline void transpose8x8_word_bytes(__m512i (&v)[8]) {
 //   3. per (g, c), the eight kb: kb <-> j, giving destination rows
 //      (g, c, 0..7).
 // The steps meet in a scratch block of 64 + 512 registers.
-ZK_TILE1_TARGET void turn1_tile_avx512(const uint8_t* const* rows, size_t col, uint8_t* out, size_t out_stride,
-                                       __m512i* scratch) {
+ZK_TILE_TARGET void turn1_tile_avx512(const uint8_t* const* rows, size_t col, uint8_t* out, size_t out_stride,
+                                      __m512i* scratch) {
     // Byte 8 q + b takes byte 8 b + q: the 8 x 8 byte transpose within each
     // register.
     alignas(64) static constexpr uint8_t kBytes[64] = {0, 8,  16, 24, 32, 40, 48, 56, 1, 9,  17, 25, 33, 41, 49, 57,
@@ -533,11 +533,38 @@ ZK_TILE1_TARGET void turn1_tile_avx512(const uint8_t* const* rows, size_t col, u
     }
 }
 
-// Stores `bytes` (a multiple of 64) from each of 512 stage rows `stride`
-// bytes apart to dst[x].
-ZK_TILE1_TARGET void turn1_store_avx512(const uint8_t* stage, size_t stride, size_t bytes, uint8_t* const* dst,
-                                        bool stream) {
-    for (uint32_t x = 0; x < 512; ++x, stage += stride) {
+// 64 band rows by 64 pixels at 8 bits: band row r = 8 R + i, pixel
+// x = 8 g + c (word g, byte c of the band row's 64 bytes); destination row x
+// receives band row r as its byte (R, i) (word R, byte i). Two steps, each
+// an exchange of three index bits between eight registers:
+//   1. eight band rows (R): i <-> c, by shifts and blends;
+//   2. per c, the eight R: R <-> g, by word permutes, giving destination
+//      rows (0..7, c).
+// The steps meet in a scratch block of 64 registers.
+ZK_TILE_TARGET void turn8_tile_avx512(const uint8_t* const* rows, size_t col, uint8_t* out, size_t out_stride,
+                                      __m512i* scratch) {
+    for (uint32_t R = 0; R < 8; ++R) {
+        __m512i v[8];
+        const uint8_t* const* r = rows + 8 * R;
+#pragma GCC unroll 8
+        for (int i = 0; i < 8; ++i) v[i] = _mm512_loadu_si512(r[i] + col);
+        transpose8x8_word_bytes(v);
+#pragma GCC unroll 8
+        for (int c = 0; c < 8; ++c) scratch[8 * c + R] = v[c];
+    }
+    for (uint32_t c = 0; c < 8; ++c) {
+        __m512i v[8];
+#pragma GCC unroll 8
+        for (int R = 0; R < 8; ++R) v[R] = scratch[8 * c + R];
+        transpose8x8_words(v);
+#pragma GCC unroll 8
+        for (int g = 0; g < 8; ++g) _mm512_storeu_si512(out + (8 * g + c) * out_stride, v[g]);
+    }
+}
+
+ZK_TILE_TARGET void store_runs_avx512(const uint8_t* stage, size_t stride, size_t bytes, uint8_t* const* dst,
+                                      uint32_t count, bool stream) {
+    for (uint32_t x = 0; x < count; ++x, stage += stride) {
         uint8_t* q = dst[x];
         if (stream && reinterpret_cast<uintptr_t>(q) % 64 == 0) {
             for (size_t o = 0; o < bytes; o += 64)
@@ -547,7 +574,14 @@ ZK_TILE1_TARGET void turn1_store_avx512(const uint8_t* stage, size_t stride, siz
         }
     }
 }
-#undef ZK_TILE1_TARGET
+
+void turn1_tile(const uint8_t* const* rows, size_t col, uint8_t* out, size_t out_stride, void* scratch) {
+    turn1_tile_avx512(rows, col, out, out_stride, static_cast<__m512i*>(scratch));
+}
+void turn8_tile(const uint8_t* const* rows, size_t col, uint8_t* out, size_t out_stride, void* scratch) {
+    turn8_tile_avx512(rows, col, out, out_stride, static_cast<__m512i*>(scratch));
+}
+#undef ZK_TILE_TARGET
 #endif
 
 template <size_t E>
@@ -624,27 +658,25 @@ void transpose_strip(int32_t bpp, const uint8_t* band, size_t stride, uint32_t n
     }
 }
 
-bool turn1_tiles_available() {
+const TileKernel* tile_kernel(int32_t bpp) {
 #if ZK_X86_TIERS
-    return platform::cpu_tier() >= platform::CpuTier::AVX512;
+    // 1 bit: results for two tiles of band rows (128 bytes) before they are
+    // stored; 8 bits: eight (512 bytes).
+    static constexpr TileKernel kOneBit = {512, 2, (64 + 512) * 64, turn1_tile};
+    static constexpr TileKernel kEightBits = {64, 8, 64 * 64, turn8_tile};
+    if (platform::cpu_tier() < platform::CpuTier::AVX512) return nullptr;
+    return bpp == 1 ? &kOneBit : bpp == 8 ? &kEightBits : nullptr;
 #else
-    return false;
+    (void)bpp;
+    return nullptr;
 #endif
 }
 
-void turn1_tile(const uint8_t* const* rows, size_t col, uint8_t* out, size_t out_stride, void* scratch) {
+void store_runs(const uint8_t* stage, size_t stride, size_t bytes, uint8_t* const* dst, uint32_t count, bool stream) {
 #if ZK_X86_TIERS
-    turn1_tile_avx512(rows, col, out, out_stride, static_cast<__m512i*>(scratch));
+    store_runs_avx512(stage, stride, bytes, dst, count, stream);
 #else
-    (void)rows, (void)col, (void)out, (void)out_stride, (void)scratch;
-#endif
-}
-
-void turn1_store(const uint8_t* stage, size_t stride, size_t bytes, uint8_t* const* dst, bool stream) {
-#if ZK_X86_TIERS
-    turn1_store_avx512(stage, stride, bytes, dst, stream);
-#else
-    (void)stage, (void)stride, (void)bytes, (void)dst, (void)stream;
+    (void)stage, (void)stride, (void)bytes, (void)dst, (void)count, (void)stream;
 #endif
 }
 

@@ -593,31 +593,38 @@ TEST_F(RotateBitmap, InjectedFailuresLeaveTheBitmapAsItWas) {
     EXPECT_TRUE(dir_.files().empty());
 }
 
-// One-bit bitmaps large enough for whole 512 x 512 tiles, in every kernel
-// tier: a square turned in its own storage (rings of 512 and 16 pixels) and
-// a taller one turned into new storage, both ways, against the model.
-TEST_F(RotateBitmap, OneBitTilesMatchTheModelInEveryTier) {
+// Bitmaps large enough for whole tiles of the tile kernels (512 x 512 at 1
+// bit, 64 x 64 at 8), in every kernel tier: a square turned in its own
+// storage (rings of a whole tile and a narrow one) and a taller one turned
+// into new storage, both ways, against the model.
+TEST_F(RotateBitmap, TilesMatchTheModelInEveryTier) {
     namespace pf = zk::platform;
-    zk::rotate::set_square_tile_for_testing(512);
-    const int sizes[][2] = {{1056, 1056}, {1100, 1040}};
+    struct Case {
+        int bpp, ring_tile, side, w, h;
+    };
+    const Case cases[] = {{1, 512, 1056, 1100, 1040}, {8, 64, 144, 150, 140}};
     for (pf::CpuTier tier : pf::kCpuTiers) {
         if (tier > pf::cpu_tier_supported()) continue;  // named by the buffer test
         const pf::CpuTier previous = pf::set_cpu_tier_cap(tier);
-        for (const auto& sz : sizes) {
-            SCOPED_TRACE(::testing::Message() << pf::cpu_tier_name(tier) << ", " << sz[0] << " x " << sz[1]);
-            const Image im = random_image(sz[0], sz[1], 1, uint32_t(sz[1]));
-            BitmapHandle b = zktest::described(sz[0], sz[1], 1);
-            ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_CONV), ST_OK);
-            b.ViewPerspective = VP_TOP_LEFT;
-            put_image(b, im);
-            void* const data = b.Data;
-            EXPECT_EQ(Z_RotateBitmap90(&b, 1), ST_OK);
-            EXPECT_EQ(b.Data == data, sz[0] == sz[1]);
-            EXPECT_TRUE(get_image(b) == turn(im, true));
-            EXPECT_EQ(Z_RotateBitmap90(&b, 0), ST_OK);
-            EXPECT_EQ(Z_RotateBitmap90(&b, 0), ST_OK);
-            EXPECT_TRUE(get_image(b) == turn(im, false));
-            Z_FreeBitmap(&b);
+        for (const Case& c : cases) {
+            zk::rotate::set_square_tile_for_testing(uint32_t(c.ring_tile));
+            for (const auto& sz : {std::pair{c.side, c.side}, std::pair{c.w, c.h}}) {
+                SCOPED_TRACE(::testing::Message() << pf::cpu_tier_name(tier) << ", " << c.bpp << " bits, " << sz.first
+                                                  << " x " << sz.second);
+                const Image im = random_image(sz.first, sz.second, c.bpp, uint32_t(sz.second));
+                BitmapHandle b = zktest::described(sz.first, sz.second, c.bpp);
+                ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_CONV), ST_OK);
+                b.ViewPerspective = VP_TOP_LEFT;
+                put_image(b, im);
+                void* const data = b.Data;
+                EXPECT_EQ(Z_RotateBitmap90(&b, 1), ST_OK);
+                EXPECT_EQ(b.Data == data, sz.first == sz.second);
+                EXPECT_TRUE(get_image(b) == turn(im, true));
+                EXPECT_EQ(Z_RotateBitmap90(&b, 0), ST_OK);
+                EXPECT_EQ(Z_RotateBitmap90(&b, 0), ST_OK);
+                EXPECT_TRUE(get_image(b) == turn(im, false));
+                Z_FreeBitmap(&b);
+            }
         }
         pf::set_cpu_tier_cap(previous);
     }
