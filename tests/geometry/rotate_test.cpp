@@ -209,6 +209,39 @@ TEST(RotateBuffer, QuarterAndHalfTurnsMatchTheModelWithPaddingRulesInEveryTier) 
     }
 }
 
+// Sizes around the tile kernels' tiles (512 pixels at 1 bit, 64 at 8) and
+// bands: in every tier the result is the portable one byte for byte, which
+// is the model's.
+TEST(RotateBuffer, TileEdgesGiveThePortableResultInEveryTier) {
+    namespace pf = zk::platform;
+    struct Case {
+        int bpp, w, h;
+    };
+    const Case cases[] = {{1, 511, 1025}, {1, 512, 512}, {1, 513, 1536}, {1, 1537, 520}, {8, 63, 129},
+                          {8, 64, 64},    {8, 65, 449},  {8, 513, 200},  {8, 130, 520}};
+    for (const Case& c : cases)
+        for (int cw : {0, 1}) {
+            SCOPED_TRACE(::testing::Message() << c.bpp << " bits, " << c.w << " x " << c.h << ", cw " << cw);
+            const Image im = random_image(c.w, c.h, c.bpp, uint32_t(c.w * 3 + c.h));
+            const auto src = pack(im, c.bpp, 0x3C);
+            std::vector<uint8_t> portable;
+            for (pf::CpuTier tier : pf::kCpuTiers) {
+                if (tier > pf::cpu_tier_supported()) continue;  // named by the test above
+                const pf::CpuTier previous = pf::set_cpu_tier_cap(tier);
+                std::vector<uint8_t> dst(stride(c.h, c.bpp) * c.w, 0xA5);
+                const int32_t turned = Z_RotateBuffer90(src.data(), dst.data(), cw, c.w, c.h, c.bpp);
+                pf::set_cpu_tier_cap(previous);
+                ASSERT_EQ(turned, ST_OK);
+                if (tier == pf::CpuTier::Portable) {
+                    ASSERT_TRUE(unpack(dst.data(), c.h, c.w, c.bpp) == turn(im, cw));
+                    portable = dst;
+                } else {
+                    EXPECT_TRUE(dst == portable) << pf::cpu_tier_name(tier);
+                }
+            }
+        }
+}
+
 // The one-bit rule: eight source rows per pass through a 512-byte gather
 // table, each group written down (clockwise) or up (counter-clockwise) its
 // eight destination columns as whole bytes.
