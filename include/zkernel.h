@@ -1253,12 +1253,12 @@ Z_EXPORT uint32_t Z_API Z_SQRT(uint32_t n);
  * a multiple of 16 turns in its own storage instead (the record unchanged,
  * no new storage; tiled storage holds about 80 MiB of its pixels in memory
  * meanwhile; the rotate hook is called with it turned, and a failing hook
- * has it turned back). Failures leave the record and pixels as they were: ST_NO_BITMAP
- * (null), ST_BAD_STRUCT_SIZE, ST_INVALID_BITMAP (no storage, or a record
- * whose sizes do not hold its pixels), ST_BAD_BPP, ST_NO_MEMORY, row-access
- * and temporary-file failures, the rotate hook's failure, or the status
- * callback's result other than ST_OK (called with 0, then as the work
- * proceeds, ending with 100). */
+ * has it turned back). Failures leave the record and pixels as they were:
+ * ST_NO_BITMAP (null), ST_BAD_STRUCT_SIZE, ST_INVALID_BITMAP (no storage,
+ * or a record whose sizes do not hold its pixels), ST_BAD_BPP, ST_NO_MEMORY,
+ * row-access and temporary-file failures, the rotate hook's failure, or the
+ * status callback's result other than ST_OK (called with 0, then as the
+ * work proceeds, ending with 100). */
 Z_EXPORT int32_t Z_API Z_RotateBitmap90(BitmapHandle* bitmap, int32_t clockwise);
 /* Turns a packed width x height image in src a quarter turn into dst
  * (clockwise when clockwise is non-zero): dst holds height x width pixels in
