@@ -153,7 +153,8 @@ public:
     int32_t run(const uint8_t* const* rows, uint32_t n, uint32_t width, Sink& sink) {
         uint32_t from = 0;
         if (tiles_ && sink.base && n >= tiles_->side && width >= tiles_->side) {
-            // Whole tiles straight from the band rows into the destination;
+            // Whole tiles read straight from the band rows, a group of them
+            // gathered in the stage and stored a run per destination row;
             // the band rows past the last whole tile, then the destination
             // rows past it, go the general way.
             const uint32_t side = tiles_->side, group = side * tiles_->group;
