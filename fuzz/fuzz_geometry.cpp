@@ -72,14 +72,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     BitmapHandle b;
     check(Z_InitBitmap(&b, Z_BITMAPHANDLE_SIZE, width, height, bpp) == ST_OK);
-    int32_t reserve, max_conv, tile_size, max_mem, views;
-    Z_GetMemoryThresholds(&reserve, &max_conv, &tile_size, &max_mem, &views);
     // Tiles of about a quarter of the image (at least a row), in memory or
-    // on disk with one mapped at a time.
+    // on disk with one mapped at a time; the thresholds stay until the end,
+    // since results built into new storage take them too.
+    const zkfuzz::SavedThresholds saved;
     const auto tile = int32_t(b.Size / 4 > b.BytesPerLine ? b.Size / 4 : b.BytesPerLine);
-    Z_SetMemoryThresholds(0, 0x7FFFFFFF, tile, kind == 2 ? 0 : -100, 1, 0x1F);
-    const uint32_t type = kind == 0 ? TYPE_CONV : kind == 3 ? TYPE_DISK : TYPE_TILED;
-    check(Z_AllocateBitmap(&b, type) == ST_OK);
+    check(zkfuzz::allocate_kind(b, kind, tile, tile) == ST_OK);
     b.ViewPerspective = VP_TOP_LEFT;
 
     std::vector<uint8_t> row(b.BytesPerLine);
@@ -90,8 +88,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     const std::vector<uint8_t> first = pixels(b);
 
-    // The thresholds stay until the end: results built into new storage
-    // take them too.
     std::vector<uint32_t> done;
     for (int steps = 0; in.n && steps < 6; ++steps) {
         const uint32_t op = in.take(1) % 5;  // clockwise, counter-clockwise, half, flip, mirror
@@ -117,7 +113,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         check(r == ST_OK);
     }
     check(b.Width == width && b.Height == height && pixels(b) == first);
-    Z_SetMemoryThresholds(reserve, max_conv, tile_size, max_mem, views, 0x1F);
     Z_FreeBitmap(&b);
     temp.check_clean();
     return 0;

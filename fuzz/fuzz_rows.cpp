@@ -37,14 +37,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // Tiles when asked for: of 64 bytes (a row or a few), all in memory; or
     // about four, all on disk with one mapped at a time (each disk tile is a
     // file, and files are slow to make).
-    int32_t reserve, max_conv, tile_size, max_mem, views;
-    Z_GetMemoryThresholds(&reserve, &max_conv, &tile_size, &max_mem, &views);
-    const auto disk_tile = static_cast<int32_t>(b.Size / 4 > 64 ? b.Size / 4 : 64);
-    Z_SetMemoryThresholds(0, 0x7FFFFFFF, kind == 2 ? disk_tile : 64, kind == 2 ? 0 : -100, 1, 0x1F);
-    const uint32_t type = kind == 0 ? TYPE_CONV : kind == 3 ? TYPE_DISK : TYPE_TILED;
-    const int32_t r = Z_AllocateBitmap(&b, type);
-    Z_SetMemoryThresholds(reserve, max_conv, tile_size, max_mem, views, 0x1F);
-    check(r == ST_OK);
+    {
+        const zkfuzz::SavedThresholds saved;
+        const auto disk_tile = static_cast<int32_t>(b.Size / 4 > 64 ? b.Size / 4 : 64);
+        check(zkfuzz::allocate_kind(b, kind, 64, disk_tile) == ST_OK);
+    }
     if (kind == 3) check((b.Flags & BF_DISK) && !(b.Flags & BF_MEMORY));
 
     const uint32_t line = b.BytesPerLine;

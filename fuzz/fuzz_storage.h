@@ -10,6 +10,9 @@
 // FileSizeLimit: a lowered file-size limit for the length of one call, which
 // stands in for a full disk. Growing a file past the limit must give a
 // status; the limit's signal ends the run (libFuzzer reports it).
+//
+// SavedThresholds and allocate_kind: a bitmap allocated conventionally, in
+// memory tiles, in disk tiles or in a disk file, the thresholds put back.
 #pragma once
 
 #include <dirent.h>
@@ -139,6 +142,29 @@ private:
     int lowest_free_ = -1;
     std::wstring wide_;
 };
+
+// The thread's memory thresholds, put back when it goes.
+class SavedThresholds {
+public:
+    SavedThresholds() { Z_GetMemoryThresholds(&v_[0], &v_[1], &v_[2], &v_[3], &v_[4]); }
+    ~SavedThresholds() { Z_SetMemoryThresholds(v_[0], v_[1], v_[2], v_[3], v_[4], 0x1F); }
+    SavedThresholds(const SavedThresholds&) = delete;
+    SavedThresholds& operator=(const SavedThresholds&) = delete;
+
+private:
+    int32_t v_[5] = {};
+};
+
+// Allocates the described bitmap in one of four kinds: 0 conventional,
+// 1 tiles of `memory_tile` bytes all in memory, 2 tiles of `disk_tile`
+// bytes all on disk with one mapped at a time, 3 a disk file. The
+// thresholds that choose the kind stay set (results built later take them
+// too); a SavedThresholds put in place before puts them back.
+inline int32_t allocate_kind(BitmapHandle& b, uint32_t kind, int32_t memory_tile, int32_t disk_tile) {
+    Z_SetMemoryThresholds(0, 0x7FFFFFFF, kind == 2 ? disk_tile : memory_tile, kind == 2 ? 0 : -100, 1, 0x1F);
+    const uint32_t type = kind == 0 ? TYPE_CONV : kind == 3 ? TYPE_DISK : TYPE_TILED;
+    return Z_AllocateBitmap(&b, type);
+}
 
 class FileSizeLimit {
 public:

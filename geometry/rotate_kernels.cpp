@@ -474,6 +474,26 @@ ZK_TILE_TARGET inline void transpose8x8_word_bytes(__m512i (&v)[8]) {
     }
 }
 
+// Loads 64 bytes at `col` of the eight rows r[0..7] and exchanges the
+// register index with the byte index within each word (the first step of
+// both tile kernels).
+ZK_TILE_TARGET inline void load_rows_exchanged(const uint8_t* const* r, size_t col, __m512i (&v)[8]) {
+#pragma GCC unroll 8
+    for (int i = 0; i < 8; ++i) v[i] = _mm512_loadu_si512(r[i] + col);
+    transpose8x8_word_bytes(v);
+}
+
+// Transposes the 64-bit words of the eight registers in[0..7] and stores
+// register j at out + j * out_step (the last step of both tile kernels).
+ZK_TILE_TARGET inline void store_words_exchanged(const __m512i* in, uint8_t* out, size_t out_step) {
+    __m512i v[8];
+#pragma GCC unroll 8
+    for (int k = 0; k < 8; ++k) v[k] = in[k];
+    transpose8x8_words(v);
+#pragma GCC unroll 8
+    for (int j = 0; j < 8; ++j) _mm512_storeu_si512(out + j * out_step, v[j]);
+}
+
 // 512 band rows by 512 pixels (64 bytes of each band row, so every source
 // line is read whole and every destination strip gets 64 whole bytes).
 // Indices: band row r = 64 kb + 8 R + i, pixel x = 64 g + 8 c + j, where
@@ -506,10 +526,7 @@ ZK_TILE_TARGET void turn1_tile_avx512(const uint8_t* const* rows, size_t col, ui
     for (uint32_t kb = 0; kb < 8; ++kb) {
         for (uint32_t R = 0; R < 8; ++R) {
             __m512i v[8];
-            const uint8_t* const* r = rows + 64 * kb + 8 * R;
-#pragma GCC unroll 8
-            for (int i = 0; i < 8; ++i) v[i] = _mm512_loadu_si512(r[i] + col);
-            transpose8x8_word_bytes(v);
+            load_rows_exchanged(rows + 64 * kb + 8 * R, col, v);
 #pragma GCC unroll 8
             for (int c = 0; c < 8; ++c)
                 first[8 * c + R] = _mm512_permutexvar_epi8(bytes, _mm512_gf2p8affine_epi64_epi8(unit, v[c], 0));
@@ -523,14 +540,7 @@ ZK_TILE_TARGET void turn1_tile_avx512(const uint8_t* const* rows, size_t col, ui
             for (int g = 0; g < 8; ++g) second[64 * g + 8 * c + kb] = v[g];
         }
     }
-    for (uint32_t gc = 0; gc < 64; ++gc) {
-        __m512i v[8];
-#pragma GCC unroll 8
-        for (int kb = 0; kb < 8; ++kb) v[kb] = second[8 * gc + kb];
-        transpose8x8_words(v);
-#pragma GCC unroll 8
-        for (int j = 0; j < 8; ++j) _mm512_storeu_si512(out + (8 * gc + j) * out_stride, v[j]);
-    }
+    for (uint32_t gc = 0; gc < 64; ++gc) store_words_exchanged(second + 8 * gc, out + 8 * gc * out_stride, out_stride);
 }
 
 // 64 band rows by 64 pixels at 8 bits: band row r = 8 R + i, pixel
@@ -545,21 +555,11 @@ ZK_TILE_TARGET void turn8_tile_avx512(const uint8_t* const* rows, size_t col, ui
                                       __m512i* scratch) {
     for (uint32_t R = 0; R < 8; ++R) {
         __m512i v[8];
-        const uint8_t* const* r = rows + 8 * R;
-#pragma GCC unroll 8
-        for (int i = 0; i < 8; ++i) v[i] = _mm512_loadu_si512(r[i] + col);
-        transpose8x8_word_bytes(v);
+        load_rows_exchanged(rows + 8 * R, col, v);
 #pragma GCC unroll 8
         for (int c = 0; c < 8; ++c) scratch[8 * c + R] = v[c];
     }
-    for (uint32_t c = 0; c < 8; ++c) {
-        __m512i v[8];
-#pragma GCC unroll 8
-        for (int R = 0; R < 8; ++R) v[R] = scratch[8 * c + R];
-        transpose8x8_words(v);
-#pragma GCC unroll 8
-        for (int g = 0; g < 8; ++g) _mm512_storeu_si512(out + (8 * g + c) * out_stride, v[g]);
-    }
+    for (uint32_t c = 0; c < 8; ++c) store_words_exchanged(scratch + 8 * c, out + c * out_stride, 8 * out_stride);
 }
 
 ZK_TILE_TARGET void store_runs_avx512(const uint8_t* stage, size_t stride, size_t bytes, uint8_t* const* dst,
