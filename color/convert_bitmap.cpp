@@ -1,9 +1,8 @@
 // Whole-bitmap conversion over row streams and the two-buffer row converter.
 #include "color/convert_bitmap.h"
 
-#include <new>
-
 #include "core/bitmap_handle.h"
+#include "core/heap_object.h"
 #include "rows/row_stream.h"
 
 namespace zk {
@@ -13,30 +12,6 @@ namespace {
 // cannot stay in them, and bypassing them saves reading each line before it
 // is overwritten.
 constexpr size_t kStreamBytes = size_t{32} << 20;
-
-// A RowConverter in a block of the library's allocator (so that allocation
-// failures can be injected), aligned as the converter needs.
-class ConverterBlock {
-public:
-    ConverterBlock() {
-        block_ = Z_Malloc(sizeof(RowConverter) + alignof(RowConverter));
-        if (!block_) return;
-        const auto at = reinterpret_cast<uintptr_t>(block_);
-        converter_ = new (reinterpret_cast<void*>((at + alignof(RowConverter) - 1) / alignof(RowConverter) *
-                                                  alignof(RowConverter))) RowConverter;
-    }
-    ~ConverterBlock() {
-        if (converter_) converter_->~RowConverter();
-        Z_Free(block_);
-    }
-    ConverterBlock(const ConverterBlock&) = delete;
-    ConverterBlock& operator=(const ConverterBlock&) = delete;
-    RowConverter* get() const { return converter_; }
-
-private:
-    void* block_ = nullptr;
-    RowConverter* converter_ = nullptr;
-};
 
 }  // namespace
 
@@ -57,7 +32,7 @@ int32_t convert_bitmap_rows(BitmapHandle& source, BitmapHandle& destination, Con
     request.source = nullptr;
     // The converter holds a palette memo and a stage: too large for every
     // caller's stack.
-    const ConverterBlock block;
+    const HeapObject<RowConverter> block;
     RowConverter* converter = block.get();
     if (!converter) return ST_NO_MEMORY;
     if (const int32_t status = converter->prepare(request); status != ST_OK) return status;

@@ -1103,6 +1103,155 @@ Z_EXPORT int32_t Z_API Z_IsGrayScaleBitmap(const BitmapHandle* bitmap);
 Z_EXPORT int32_t Z_API Z_CompareBitmapToPalette(const BitmapHandle* bitmap, const RGBQUAD* entries, uint32_t count);
 
 /* ---------------------------------------------------------------------------
+ * Colour reduction: the dithering engine, user match tables, optimized
+ * palettes and colour resolution
+ * ------------------------------------------------------------------------- */
+/* The reserved byte of a destination palette entry: Z_PAL_RESERVED or
+ * Z_PAL_FILL (either bit) keeps the nearest-colour search of dithering from
+ * ever choosing the entry. The optimized-palette generator fills exactly the
+ * entries whose reserved byte has Z_PAL_FILL without Z_PAL_RESERVED, and
+ * clears the byte of each entry it fills. */
+#define Z_PAL_RESERVED 0x01u
+#define Z_PAL_FILL 0x02u
+
+/* Cells of a match table: 32,768 (5 bits per channel, cell =
+ * (R >> 3) * 1024 + (G >> 3) * 32 + (B >> 3)); a cell holds 0 (unknown) or
+ * 1 + the position of an entry among the palette's selectable entries
+ * (those without Z_PAL_RESERVED or Z_PAL_FILL, in index order). */
+#define Z_MATCH_TABLE_CELLS 32768u
+
+/* Starts dithering rows of bitmap into indices for a palette of `colors`
+ * entries (1..256): Z_StartDitheringExt with the index width the count needs
+ * (1-2 colours: 1 bit, 3-4: 2, 5-8: 3, 9-16: 4, 17-32: 5, 33-64: 6,
+ * 65-128: 7, 129-256: 8) and no user match table. */
+Z_EXPORT int32_t Z_API Z_StartDithering(BitmapHandle* bitmap, const RGBQUAD* palette, uint32_t colors);
+/* Starts a dithering sequence on bitmap with the method in its DitherMethod
+ * (DITHER_NONE..DITHER_CLUSTERED): the state (error rows, a copy of both
+ * palettes, the match table) is hung on the record's DitherData until
+ * Z_StopDithering. palette holds `colors` entries (1..256), or is null for
+ * the fixed palette of the count's range (2, 4, 8, ... 256 entries). A
+ * palette equal byte for byte to that fixed palette, or for 129..256 colours
+ * to the 6 x 6 x 6 cube palette, is served by arithmetic; any other palette
+ * by a match table: userMatchTable (Z_MATCH_TABLE_CELLS cells, filled in
+ * place and kept by the caller) or else one owned by the state. Entries
+ * with Z_PAL_RESERVED or Z_PAL_FILL are never chosen by the search.
+ * bitsPerPixel is the width of each index written (1..8; other values write
+ * nothing). The source row layout is the bitmap's depth (1..8, 12, 16, 24,
+ * 32, 48, 64) and colour order; palettized rows are read through a copy of
+ * the bitmap's palette taken now. ST_OK; ST_BAD_PARAM (null bitmap, an
+ * unsupported depth, colors 0 or above 256, DitherMethod above 8, a palette
+ * whose every entry is reserved, a bitmap that already has a dithering
+ * state: stop it first), ST_BAD_STRUCT_SIZE, ST_NO_MEMORY (nothing kept).
+ * A failed start leaves DitherData as it was. */
+Z_EXPORT int32_t Z_API Z_StartDitheringExt(BitmapHandle* bitmap, const RGBQUAD* palette, uint32_t colors,
+                                           uint32_t bitsPerPixel, uint32_t* userMatchTable);
+/* Dithers the next row: Width pixels of sourceRow (the bitmap's layout; it
+ * is not modified) become Width indices in destRow, packed from the most
+ * significant bit; the bits of destRow past them are kept. Rows must come
+ * top to bottom in storage order, each once: error and the ordered matrix
+ * row carry from each call to the next. ST_OK; ST_BAD_PARAM (null argument,
+ * no dithering state), ST_BAD_STRUCT_SIZE, ST_SIGNED_DATA (BF_SIGNED set;
+ * nothing written). */
+Z_EXPORT int32_t Z_API Z_DitherLine(BitmapHandle* bitmap, const uint8_t* sourceRow, uint8_t* destRow);
+/* Ends the sequence: frees the state and what it owns and clears DitherData.
+ * ST_OK (also when there is no state); ST_BAD_PARAM (null bitmap),
+ * ST_BAD_STRUCT_SIZE. */
+Z_EXPORT int32_t Z_API Z_StopDithering(BitmapHandle* bitmap);
+/* Returns a new match table (Z_MATCH_TABLE_CELLS 32-bit cells, a Z_OsAlloc
+ * block the caller frees with Z_OsFree) for `colors` entries (1..256) of
+ * palette, every cell answered: the palette's own colours in their cells
+ * (the lowest position wins a shared cell), every other cell the nearest
+ * selectable entry to the cell's colour with the low 3 bits of each channel
+ * cleared. Null for a null palette, a count outside 1..256, a palette with
+ * no selectable entry, or when memory runs out. */
+Z_EXPORT uint32_t* Z_API Z_CreateUserMatchTable(const RGBQUAD* palette, uint32_t colors);
+/* Installs table (or null) as the calling thread's user match table, which
+ * Z_ColorResBitmap with CRF_USER_MATCH_TABLE dithers through; the caller
+ * keeps owning it. Returns the previous table. */
+Z_EXPORT uint32_t* Z_API Z_SetUserMatchTable(uint32_t* table);
+/* Returns the calling thread's user match table, or null. */
+Z_EXPORT uint32_t* Z_API Z_GetUserMatchTable(void);
+
+/* Chooses colours for a palette from a bitmap's pixels. palette holds
+ * `count` entries (1..256); the entries whose reserved byte has Z_PAL_FILL
+ * without Z_PAL_RESERVED are filled (their byte cleared) and the others are
+ * kept and taken into account. When the bitmap has a palette of no more
+ * colours than there are entries to fill, those colours are used; else when
+ * it has no more distinct colours, those; both are exact (*exact = 1).
+ * Otherwise colours are quantised from a histogram of 5 bits per channel
+ * (variance-minimising splits refined by k-means) and *exact = 0. Filled
+ * entries are used in index order; entries left over keep Z_PAL_FILL. With a
+ * non-null matchTable (Z_MATCH_TABLE_CELLS cells) every cell is answered for
+ * the finished palette, as Z_CreateUserMatchTable would. *colorsUsed gets
+ * the number of entries filled. colorsUsed, exact may be null. Reads the
+ * bitmap in any storage kind, a row at a time. ST_OK; ST_BAD_PARAM (null
+ * bitmap or palette, count outside 1..256, no entry to fill),
+ * ST_BAD_STRUCT_SIZE, ST_INVALID_BITMAP (no storage), ST_SIGNED_DATA,
+ * ST_NO_MEMORY, or a row-access failure. */
+Z_EXPORT int32_t Z_API Z_CreateOptimizedPalette(BitmapHandle* bitmap, RGBQUAD* palette, uint32_t count,
+                                                uint32_t* colorsUsed, int32_t* exact, uint32_t* matchTable);
+/* Z_CreateOptimizedPalette over every bitmap of a list at once: one palette
+ * for all their pixels. ST_BAD_PARAM also for an empty list. */
+Z_EXPORT int32_t Z_API Z_CreateBitmapListOptPal(BitmapList list, RGBQUAD* palette, uint32_t count, uint32_t* colorsUsed,
+                                                int32_t* exact, uint32_t* matchTable);
+
+/* flags of Z_ColorResBitmap. Palette selection for destinations of 8 bits
+ * or fewer (flags & 0x2FF without 0x04 and 0x80): CRF_FIXED_PALETTE the
+ * fixed palette of the depth (with CRF_CUBE_PALETTE at 8 bits the 6 x 6 x 6
+ * cube); CRF_CUBE_PALETTE alone the cube (8 bits only); CRF_USER_PALETTE
+ * the caller's palette or palette handle as it is (with or without
+ * CRF_USER_MATCH_TABLE); 0, CRF_OPTIMIZED_PALETTE, CRF_PRESET_PALETTE and
+ * their combinations with CRF_NO_MATCH_TABLE an optimized palette. */
+#define CRF_FIXED_PALETTE 0x01u
+#define CRF_OPTIMIZED_PALETTE 0x02u
+#define CRF_BYTE_ORDER_BGR 0x04u /* destination above 8 bits: CO_BGR */
+#define CRF_PRESET_PALETTE 0x08u /* optimized: black at entry 0 and white at the last entry, kept */
+#define CRF_USER_PALETTE 0x10u
+#define CRF_USER_MATCH_TABLE 0x20u /* dither through the thread's user match table */
+#define CRF_CUBE_PALETTE 0x40u
+#define CRF_BYTE_ORDER_GRAY 0x80u /* destination above 8 bits: CO_GRAY (with 0x04: gray below 24 bits) */
+#define CRF_NO_MATCH_TABLE 0x200u /* optimized: the generator builds no match table */
+#define CRF_BYTE_ORDER_ALT 0x800u /* destination above 8 bits: CO_ALT_BGR */
+#define CRF_DITHER(method) (((uint32_t)(method)&0xFFu) << 16)
+/* Called after each converted row with the destination record, the row
+ * (its pixels in the destination's layout), 1 and userData; a result other
+ * than ST_OK stops the conversion and is returned. */
+typedef int32_t(Z_API* COLORRESCALLBACK)(BitmapHandle* bitmap, uint8_t* row, uint32_t rows, void* userData);
+/* Converts src to bitsPerPixel (1..8, 12, 16, 24, 32, 48, 64) into dst:
+ * null (rows go only to callback), another record (initialised and
+ * allocated here in src's memory kind; its old contents are overwritten,
+ * not freed) or src itself (replaced on success; the old storage is freed).
+ * Destinations of 8 bits or fewer get the palette flags select, with
+ * `colors` entries (0: 2^bitsPerPixel; more is reduced to it); palette and
+ * paletteHandle (at most one) give the caller's entries. Rows are dithered
+ * with the method in CRF_DITHER(flags) when the palette is smaller than the
+ * source's colours, else converted. Deeper destinations take the order of
+ * CRF_BYTE_ORDER_* (none: CO_RGB); 12 bits are always gray. The status
+ * callback sees 0, then each whole percentage; any other result stops the
+ * conversion. On every failure dst is freed of what was made here and src
+ * (also as dst) is left as it was, byte for byte. ST_OK; ST_BAD_STRUCT_SIZE,
+ * ST_SIGNED_DATA (signed data without BF_LUT_USED), ST_BAD_PARAM (null or
+ * unallocated src, both palettes, a bad depth, selector or order flags,
+ * CRF_CUBE_PALETTE below 8 bits), ST_BAD_BPP (gray above 23 bits,
+ * CO_ALT_BGR above 47 bits), ST_NO_MEMORY, or a storage or callback status. */
+Z_EXPORT int32_t Z_API Z_ColorResBitmap(BitmapHandle* src, BitmapHandle* dst, uint32_t structSize, int32_t bitsPerPixel,
+                                        uint32_t flags, const RGBQUAD* palette, HPALETTE paletteHandle, uint32_t colors,
+                                        COLORRESCALLBACK callback, void* userData);
+/* Z_ColorResBitmapListExt(list, ..., 0, 0): every bitmap of the list. */
+Z_EXPORT int32_t Z_API Z_ColorResBitmapList(BitmapList list, int32_t bitsPerPixel, uint32_t flags,
+                                            const RGBQUAD* palette, HPALETTE paletteHandle, uint32_t colors);
+/* Converts `count` bitmaps of the list from index `first` (count 0: to the
+ * end) as Z_ColorResBitmap does in place, with one palette for all: an
+ * optimized selector builds it once from all of them
+ * (Z_CreateBitmapListOptPal). Each result is stored back in its slot. A
+ * failure stops the loop: the bitmaps before it are converted, the rest
+ * unchanged. ST_OK; ST_BAD_PARAM (null list, first past the end), or the
+ * first failure of Z_ColorResBitmap. */
+Z_EXPORT int32_t Z_API Z_ColorResBitmapListExt(BitmapList list, int32_t bitsPerPixel, uint32_t flags,
+                                               const RGBQUAD* palette, HPALETTE paletteHandle, uint32_t colors,
+                                               uint32_t first, uint32_t count);
+
+/* ---------------------------------------------------------------------------
  * Bitmap lists
  * ------------------------------------------------------------------------- */
 #define Z_LIST_APPEND 0xFFFFFFFFu
