@@ -19,24 +19,6 @@ constexpr uint32_t kChunk = 64;
 constexpr uint32_t pixel_bits(int32_t depth) { return pixel_format(depth).bits; }
 constexpr bool palettized(int32_t depth) { return pixel_format(depth).indexed; }
 
-struct BitRange {
-    uint32_t shift, mask, nb;
-};
-
-// Bit-range parameters of a gray sample: low = max(low bit, 0), high = high
-// bit or bits - 1, nb = min(high - low + 1, cap), shift = high - nb + 1.
-// False when the range leaves no bit or reaches past bit 31.
-bool bit_range(uint32_t bits, uint32_t low_bit, uint32_t high_bit, uint32_t cap, BitRange* out) {
-    const int64_t low = std::max<int64_t>(static_cast<int32_t>(low_bit), 0);
-    const int64_t high = static_cast<int32_t>(high_bit) >= 0 ? static_cast<int32_t>(high_bit) : int64_t{bits} - 1;
-    const int64_t nb = std::min<int64_t>(high - low + 1, cap);
-    if (nb < 1 || high > 31) return false;
-    out->nb = static_cast<uint32_t>(nb);
-    out->mask = static_cast<uint32_t>((uint64_t{1} << nb) - 1);
-    out->shift = static_cast<uint32_t>(high - nb + 1);
-    return true;
-}
-
 // The general path from `src` to `dst`, which are the same row or rows that
 // do not overlap.
 void run_general(const Plan& plan, const uint8_t* src, uint8_t* dst) {
@@ -201,11 +183,11 @@ void IndexMemo::prepare(const RGBQUAD* palette, uint32_t count) {
     search.prepare(palette, count);
 }
 
-uint8_t IndexMemo::find(const Plan& plan, uint32_t r, uint32_t g, uint32_t b) {
+uint8_t IndexMemo::find(const PixelWriter& writer, uint32_t r, uint32_t g, uint32_t b) {
     const uint32_t colour = r << 16 | g << 8 | b;
     const uint32_t slot = (colour ^ colour >> 12 ^ colour >> 20) & (kSlots - 1);
     if (key[slot] == (colour | 0x1000000u)) return index[slot];
-    const auto i = static_cast<uint8_t>(search.find(r, g, b) & (plan.dst_count - 1));
+    const auto i = static_cast<uint8_t>(search.find(r, g, b) & (writer.dst_count - 1));
     key[slot] = colour | 0x1000000u;
     index[slot] = i;
     return i;
@@ -354,13 +336,7 @@ int32_t RowConverter::prepare(const ConvertRequest& request, ConvertPaths paths)
     // What only the general path needs: the colour of each index (the source
     // palette's for the indices the depth has, gray level i otherwise and for
     // 8-bit gray) and the colour-to-index memo.
-    if (plan_.src_depth <= 8) {
-        const uint32_t n = plan_.src_palette ? 1u << plan_.src_depth : 0;
-        for (uint32_t i = 0; i < 256; ++i) {
-            const auto v = static_cast<uint8_t>(i);
-            plan_.colours[i] = i < n ? plan_.src_palette[i] : RGBQUAD{v, v, v, 0};
-        }
-    }
+    if (plan_.src_depth <= 8) set_index_colours(plan_);
     if (palettized(plan_.dst_depth) && !plan_.use_map) {
         memo_.prepare(plan_.dst_palette, plan_.dst_count);
         plan_.memo = &memo_;

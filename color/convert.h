@@ -49,39 +49,10 @@ int32_t convert_buffer(const ConvertRequest& request, ConvertPaths paths = Conve
 void alt_to_bgr(uint8_t* pixel);
 void bgr_to_alt(uint8_t* pixel);
 
-struct IndexMemo;
-
-// Everything a conversion needs, worked out once per call.
-struct Plan {
-    int32_t src_depth = 0;
-    int32_t dst_depth = 0;
+// Everything a conversion needs, worked out once per call: how to read the
+// source and how to write the destination.
+struct Plan : PixelReader, PixelWriter {
     uint32_t width = 0;
-
-    // Source.
-    bool src_rgb = false;                              // red first (24..64 bits) or in the low bits (16)
-    bool src_alt = false;                              // CO_ALT_BGR pixels turned to CO_BGR while read
-    bool src_gray16 = false;                           // 16-bit gray samples
-    uint32_t src_shift = 0, src_mask = 0, src_nb = 0;  // deep gray bit range
-    const RGBQUAD* lut = nullptr;                      // deep gray LUT
-    bool wide_gray = false;                            // deep gray kept at 16 bits for 16-bit consumers
-    const RGBQUAD* src_palette = nullptr;              // palettized sources; null: index i is gray i
-    RGBQUAD colours[256];                              // the general path's colour of each index (filled for it)
-
-    // Destination.
-    bool dst_rgb = false;
-    bool dst_alt = false;                // colour written in CO_ALT_BGR
-    bool dst_gray16 = false;             // 16-bit gray samples
-    uint32_t dst_shift = 0, dst_nb = 0;  // 12/16-bit gray destination field
-    bool level_from_colour = true;       // deep gray destinations: gray of the colour
-    uint32_t level_bits = 8;             // else Pivot::level of this many bits
-    uint8_t alpha8 = 0;
-    uint16_t alpha16 = 0;
-    const RGBQUAD* dst_palette = nullptr;  // never null for palettized destinations
-    uint32_t dst_count = 0;
-    bool use_map = false;       // index through map
-    uint8_t map[256];           // filled when use_map
-    IndexMemo* memo = nullptr;  // colour -> index cache
-
     // Two-buffer kernels may write the destination around the caches (the
     // caller fences).
     bool stream = false;
@@ -94,7 +65,7 @@ struct IndexMemo {
     uint32_t key[kSlots];  // colour | 0x1000000 once filled
     uint8_t index[kSlots];
     void prepare(const RGBQUAD* palette, uint32_t count);
-    uint8_t find(const Plan& plan, uint32_t r, uint32_t g, uint32_t b);
+    uint8_t find(const PixelWriter& writer, uint32_t r, uint32_t g, uint32_t b);
 };
 
 // ---------------------------------------------------------------------------
