@@ -34,6 +34,7 @@ public:
     HeapObject& operator=(const HeapObject&) = delete;
     T* get() const { return object_; }
     T* operator->() const { return object_; }
+    T& operator*() const { return *object_; }
     explicit operator bool() const { return object_ != nullptr; }
 
 private:
