@@ -15,7 +15,7 @@ constexpr size_t kStreamBytes = size_t{32} << 20;
 
 }  // namespace
 
-int32_t convert_bitmap_rows(BitmapHandle& source, BitmapHandle& destination, ConvertRequest request) {
+int32_t convert_bitmap_rows(BitmapHandle& source, BitmapHandle& destination, ConvertRequest request, RowHook hook) {
     if (!allocated(&source) || !allocated(&destination) || &source == &destination) return ST_INVALID_BITMAP;
     if (source.StructSize != kStructSize || destination.StructSize != kStructSize) return ST_BAD_STRUCT_SIZE;
     if (!geometry_consistent(source) || !geometry_consistent(destination)) return ST_INVALID_BITMAP;
@@ -47,6 +47,8 @@ int32_t convert_bitmap_rows(BitmapHandle& source, BitmapHandle& destination, Con
         uint8_t* dst = out.write(y, true);
         if (!dst) return out.status();
         converter->run(src, dst, stream);
+        if (hook.call)
+            if (const int32_t status = hook.call(hook.context, y, dst); status != ST_OK) return status;
         if (const int32_t status = out.commit(); status != ST_OK) return status;
     }
     return ST_OK;

@@ -18,6 +18,12 @@ namespace zk {
 // from the bitmaps. An 8-bit bitmap whose order in the request is CO_GRAY
 // holds gray levels (depth 0 of conversion) instead of palette indices. A refused request writes nothing; a storage
 // failure part way leaves the rows before it converted. Returns ST_OK or the status.
-int32_t convert_bitmap_rows(BitmapHandle& source, BitmapHandle& destination, ConvertRequest request);
+// `hook`, when given, sees each converted row before it is stored; a result
+// other than ST_OK stops the conversion and is returned.
+struct RowHook {
+    int32_t (*call)(void* context, uint32_t row, uint8_t* pixels) = nullptr;
+    void* context = nullptr;
+};
+int32_t convert_bitmap_rows(BitmapHandle& source, BitmapHandle& destination, ConvertRequest request, RowHook hook = {});
 
 }  // namespace zk

@@ -97,6 +97,11 @@ int32_t Replacement::build_like(BitmapHandle& source, int32_t width, int32_t hei
 void Replacement::commit(BitmapHandle& target) {
     if (!built_) return;
     Z_FreeBitmap(&target);
+    hand_over(target);
+}
+
+void Replacement::hand_over(BitmapHandle& target) {
+    if (!built_) return;
     std::memcpy(&target, &result_, sizeof target);
     built_ = false;
 }

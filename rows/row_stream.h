@@ -79,6 +79,10 @@ public:
     // Frees what `target` owns and moves the result over it (the record keeps
     // its address). The result is then the target's.
     void commit(BitmapHandle& target);
+    // Moves the result into `target` without freeing what target described
+    // (a record the caller hands over to be filled). The result is then the
+    // target's.
+    void hand_over(BitmapHandle& target);
 
 private:
     BitmapHandle result_;
