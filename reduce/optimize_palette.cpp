@@ -228,8 +228,8 @@ int32_t optimize_palette(BitmapHandle* const* sources, uint32_t n, RGBQUAD* pale
             made = collector->distinct();
             for (uint32_t i = 0; i < made; ++i) chosen[i] = collector->colour(i);
             exact = true;
-        } else if (const int32_t status = quantize_histogram(collector->histogram(), fixed, fixed_count,
-                                                             to_fill_count, chosen, &made);
+        } else if (const int32_t status =
+                       quantize_histogram(collector->histogram(), fixed, fixed_count, to_fill_count, chosen, &made);
                    status != ST_OK) {
             return status;
         }
