@@ -7,8 +7,8 @@
 #include "core/bitmap_handle.h"
 #include "reduce/optimize_palette.h"
 
-extern "C" int32_t Z_API Z_CreateBitmapListOptPal(BitmapList list, RGBQUAD* palette, uint32_t count, uint32_t* colorsUsed,
-                                                  int32_t* exact, uint32_t* matchTable) {
+extern "C" int32_t Z_API Z_CreateBitmapListOptPal(BitmapList list, RGBQUAD* palette, uint32_t count,
+                                                  uint32_t* colorsUsed, int32_t* exact, uint32_t* matchTable) {
     uint32_t n = 0;
     if (Z_GetBitmapListCount(list, &n) != ST_OK || n == 0) return ST_BAD_PARAM;
     // The records are read through copies taken from the list: reading rows
