@@ -281,44 +281,74 @@ int32_t quantize_histogram(const BinSums* bins, const RGBQUAD* fixed, uint32_t f
     if (!k) return ST_NO_MEMORY;
 
     build_moments(*k, bins);
-    const uint32_t boxes = split_boxes(*k, fill);
+    // Boxes for the fixed colours too: a box that a fixed colour already
+    // serves (it lies within the box's own spread of its mean) needs no new
+    // colour. Of the rest, the `fill` that would cost most without one of
+    // their own seed the new centres.
+    const uint32_t boxes = split_boxes(*k, std::min(fill + fixed_count, 256u));
+    constexpr uint16_t kNone = 0xFFFF;
+    uint32_t seeds = 0;
+    double cost[256];
+    uint16_t seed_of[256];  // box -> new centre, or kNone
+    for (uint32_t b = 0; b < boxes; ++b) {
+        const Box& x = k->boxes[b];
+        const double w = volume(x, k->w), r = volume(x, k->r), g = volume(x, k->g), bl = volume(x, k->b);
+        const double spread = volume(x, k->q) - sums_term(r, g, bl, w);
+        double nearest_fixed = fixed_count ? 1e300 : 0;
+        for (uint32_t f = 0; f < fixed_count; ++f) {
+            const double dr = fixed[f].rgbRed - r / w, dg = fixed[f].rgbGreen - g / w, db = fixed[f].rgbBlue - bl / w;
+            nearest_fixed = std::min(nearest_fixed, dr * dr + dg * dg + db * db);
+        }
+        const bool served = fixed_count > 0 && w * nearest_fixed <= spread;
+        cost[b] = served ? -1 : spread + w * nearest_fixed;
+        seed_of[b] = kNone;
+    }
+    for (; seeds < fill; ++seeds) {
+        const uint32_t b = static_cast<uint32_t>(std::max_element(cost, cost + boxes) - cost);
+        if (boxes == 0 || cost[b] < 0) break;
+        cost[b] = -1;
+        seed_of[b] = static_cast<uint16_t>(seeds);
+        const Box& x = k->boxes[b];
+        const double w = volume(x, k->w);
+        const uint32_t c = fixed_count + seeds;
+        k->cr[c] = static_cast<float>(volume(x, k->r) / w);
+        k->cg[c] = static_cast<float>(volume(x, k->g) / w);
+        k->cb[c] = static_cast<float>(volume(x, k->b) / w);
+        k->alive[c] = true;
+    }
+    // New centres without a box start far from every bin: the first update
+    // moves them to the bins that cost most.
+    for (uint32_t c = fixed_count + seeds; c < fixed_count + fill; ++c) k->cr[c] = k->cg[c] = k->cb[c] = -4096;
+    for (uint32_t c = 0; c < fixed_count; ++c) {
+        k->cr[c] = fixed[c].rgbRed;
+        k->cg[c] = fixed[c].rgbGreen;
+        k->cb[c] = fixed[c].rgbBlue;
+    }
+    k->fixed = fixed_count;
+    k->centres = fixed_count + fill;
 
-    // The occupied bins, each starting at its box's centre.
+    // The occupied bins, each starting the search for its nearest centre at
+    // its box's.
     for (uint32_t b = 0; b < boxes; ++b) {
         const Box& x = k->boxes[b];
         for (int r = x.lo[0]; r < x.hi[0]; ++r)
             for (int g = x.lo[1]; g < x.hi[1]; ++g)
                 for (int c = x.lo[2]; c < x.hi[2]; ++c) k->label[r << 10 | g << 5 | c] = static_cast<uint8_t>(b);
     }
-    k->fixed = fixed_count;
-    k->centres = fixed_count + boxes;
     k->bins = 0;
     for (uint32_t cell = 0; cell < kHistogramBins; ++cell) {
         const BinSums& s = bins[cell];
         if (s.n <= 0) continue;
         const uint32_t i = k->bins++;
+        const uint32_t seed = seed_of[k->label[cell]];
         k->cell[i] = cell;
         k->mr[i] = static_cast<float>(s.r / s.n);
         k->mg[i] = static_cast<float>(s.g / s.n);
         k->mb[i] = static_cast<float>(s.b / s.n);
         k->mw[i] = static_cast<float>(s.n);
-        k->centre[i] = static_cast<uint16_t>(fixed_count + k->label[cell]);
+        k->centre[i] = static_cast<uint16_t>(seed == kNone ? 0 : fixed_count + seed);
     }
     if (k->bins == 0) return ST_OK;
-    for (uint32_t c = 0; c < fixed_count; ++c) {
-        k->cr[c] = fixed[c].rgbRed;
-        k->cg[c] = fixed[c].rgbGreen;
-        k->cb[c] = fixed[c].rgbBlue;
-    }
-    for (uint32_t b = 0; b < boxes; ++b) {
-        const Box& x = k->boxes[b];
-        const double w = volume(x, k->w);
-        const uint32_t c = fixed_count + b;
-        k->cr[c] = static_cast<float>(volume(x, k->r) / w);
-        k->cg[c] = static_cast<float>(volume(x, k->g) / w);
-        k->cb[c] = static_cast<float>(volume(x, k->b) / w);
-        k->alive[c] = true;
-    }
 
     main_axis(*k);
     for (int pass = 0; pass < kPasses; ++pass) {
