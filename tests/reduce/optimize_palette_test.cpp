@@ -127,6 +127,60 @@ TEST(OptimizePalette, ExactResultsAndEntryRoles) {
     Z_FreeBitmap(&rgb);
 }
 
+// Every depth and order: the exact colours are those the rows convert to
+// through the public buffer conversion (palette, gray levels, LUT, bit window).
+TEST(OptimizePalette, EveryDepthReadsLikeConversion) {
+    struct Depth {
+        int32_t bits;
+        uint32_t order;
+        bool lut;
+    };
+    const Depth depths[] = {{4, CO_RGB, false},   {8, CO_RGB, false},  {8, CO_GRAY, false}, {12, CO_GRAY, true},
+                            {16, CO_GRAY, false}, {16, CO_BGR, false}, {24, CO_RGB, false}, {24, CO_ALT_BGR, false},
+                            {32, CO_BGR, false},  {48, CO_RGB, false}, {64, CO_BGR, false}};
+    std::vector<RGBQUAD> colours(4096);
+    for (uint32_t i = 0; i < 4096; ++i) colours[i] = RGBQUAD{uint8_t(i * 7), uint8_t(i >> 4), uint8_t(i * 3), 0};
+    for (const Depth& d : depths) {
+        SCOPED_TRACE(::testing::Message() << d.bits << " bits, order " << d.order);
+        BitmapHandle b;
+        std::vector<uint8_t> unused;
+        zktest::make_bitmap(Kind::Conventional, 6, 2, d.bits, b, unused);
+        b.Order = d.order;
+        const int32_t put_colours = d.bits <= 8 ? Z_PutBitmapColors(&b, 0, 1 << d.bits, colours.data()) : ST_OK;
+        ASSERT_EQ(put_colours, ST_OK);
+        if (d.bits == 16 && d.order == CO_GRAY) b.LowBit = 4, b.HighBit = 11;
+        if (d.lut) {
+            b.LUT = static_cast<RGBQUAD*>(Z_OsAlloc(4096 * sizeof(RGBQUAD)));
+            std::memcpy(b.LUT, colours.data(), 4096 * sizeof(RGBQUAD));
+            b.LUTLength = 4096;
+            b.Flags |= BF_LUT_USED;
+        }
+        std::set<Rgb> want;
+        for (int y = 0; y < 2; ++y) {
+            const std::vector<uint8_t> row = zktest::random_bytes(b.BytesPerLine, 40 + y);
+            Z_PutBitmapRow(&b, row.data(), y, b.BytesPerLine);
+            std::vector<uint8_t> buf(Z_CalcConvertSize(6, d.bits, 6, 24) + row.size());
+            std::copy(row.begin(), row.end(), buf.begin());
+            const bool gray8 = d.bits == 8 && d.order == CO_GRAY, range = d.bits > 8 && d.order == CO_GRAY;
+            ASSERT_EQ(Z_ConvertBufferExt(buf.data(), 6, gray8 ? 0 : d.bits, 24, d.order, CO_BGR,
+                                         d.lut || d.bits <= 8 ? (d.lut ? b.LUT : b.Palette) : nullptr, nullptr,
+                                         range ? CVT_SRC_RANGE : 0, b.LowBit, b.HighBit),
+                      ST_OK);
+            for (int x = 0; x < 6; ++x) want.insert(Rgb{buf[3 * x + 2], buf[3 * x + 1], buf[3 * x]});
+        }
+        std::vector<RGBQUAD> pal = fill_palette(12);
+        uint32_t used = 0;
+        int32_t exact = 0;
+        ASSERT_EQ(Z_CreateOptimizedPalette(&b, pal.data(), 12, &used, &exact, nullptr), ST_OK);
+        std::set<Rgb> got;
+        for (uint32_t i = 0; i < used; ++i) got.insert(Rgb{pal[i].rgbRed, pal[i].rgbGreen, pal[i].rgbBlue});
+        EXPECT_EQ(exact, 1);
+        EXPECT_EQ(got, want);
+        EXPECT_EQ(used, want.size());
+        Z_FreeBitmap(&b);
+    }
+}
+
 // K separated clusters with symmetric noise: each centre not already among
 // the kept entries comes back as one filled entry, whichever entries are kept.
 TEST(OptimizePalette, FindsClusterCentres) {
