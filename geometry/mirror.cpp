@@ -5,8 +5,11 @@
 #include <bit>
 #include <cstddef>
 #include <cstring>
+#include <utility>
 
 #include "bitmap_handle.h"
+#include "core/packed_pixels.h"
+#include "core/pixel_format.h"
 #include "core/platform/x86_intrinsics.h"
 
 namespace zk::geometry {
@@ -162,54 +165,37 @@ void mirror_packed(uint8_t* row, uint32_t width) {
     if (s) shift_span_up(row, n, s);
 }
 
-// 3, 5, 6 and 7 bits: the fields of pixel i and pixel width-1-i exchanged
-// where they lie.
-inline uint32_t get_field(const uint8_t* row, uint64_t bit, unsigned bpp) {
-    uint32_t v = 0;
-    for (unsigned k = 0; k < bpp; ++k, ++bit) v = (v << 1) | ((row[bit >> 3] >> (7 - (bit & 7))) & 1u);
-    return v;
-}
-inline void put_field(uint8_t* row, uint64_t bit, unsigned bpp, uint32_t v) {
-    for (unsigned k = 0; k < bpp; ++k, ++bit) {
-        const uint8_t m = static_cast<uint8_t>(0x80u >> (bit & 7));
-        const bool on = (v >> (bpp - 1 - k)) & 1u;
-        row[bit >> 3] = static_cast<uint8_t>(on ? row[bit >> 3] | m : row[bit >> 3] & ~m);
-    }
-}
-void mirror_fields(uint8_t* row, uint32_t width, unsigned bpp) {
+// 3, 5, 6 and 7 bits (pixels that may straddle two bytes): the fields of
+// pixel i and pixel width-1-i exchanged where they lie, every other bit kept.
+template <int Bits>
+void mirror_fields(uint8_t* row, uint32_t width) {
     if (width < 2) return;
     for (uint64_t i = 0, j = width - 1u; i < j; ++i, --j) {
-        const uint32_t a = get_field(row, i * bpp, bpp);
-        const uint32_t b = get_field(row, j * bpp, bpp);
-        put_field(row, i * bpp, bpp, b);
-        put_field(row, j * bpp, bpp, a);
+        const uint32_t a = packed::get_field(row, i, Bits);
+        packed::put_field(row, i, Bits, packed::get_field(row, j, Bits));
+        packed::put_field(row, j, Bits, a);
     }
 }
 
-// 12 bits: two pixels in three bytes, pixel 2k in bits 0-11 of the
-// little-endian word at byte 3k, pixel 2k+1 in bits 4-15 of the word at
-// byte 3k+1.
-inline uint32_t get12(const uint8_t* row, uint64_t x) {
-    const size_t o = static_cast<size_t>(x + (x >> 1));
-    const uint32_t w = row[o] | (uint32_t{row[o + 1]} << 8);
-    return (x & 1) ? w >> 4 : w & 0xFFFu;
-}
-inline void put12(uint8_t* row, uint64_t x, uint32_t v) {
-    const size_t o = static_cast<size_t>(x + (x >> 1));
-    if (x & 1) {
-        row[o] = static_cast<uint8_t>((row[o] & 0x0Fu) | ((v & 0xFu) << 4));
-        row[o + 1] = static_cast<uint8_t>(v >> 4);
-    } else {
-        row[o] = static_cast<uint8_t>(v);
-        row[o + 1] = static_cast<uint8_t>((row[o + 1] & 0xF0u) | (v >> 8));
-    }
-}
+// 12 bits: samples i and width-1-i exchanged, the neighbours' bits kept.
+// Two samples from each end are read before any is written: a sample shares
+// a byte with the next one, and reading a pair of bytes just after one of
+// them was stored waits for the store.
 void mirror12(uint8_t* row, uint32_t width) {
     if (width < 2) return;
-    for (uint64_t i = 0, j = width - 1u; i < j; ++i, --j) {
-        const uint32_t a = get12(row, i);
-        put12(row, i, get12(row, j));
-        put12(row, j, a);
+    uint64_t i = 0, j = width - 1u;
+    for (; i + 3 <= j; i += 2, j -= 2) {
+        const uint32_t a0 = packed::get12(row, i), a1 = packed::get12(row, i + 1);
+        const uint32_t b0 = packed::get12(row, j), b1 = packed::get12(row, j - 1);
+        packed::put12(row, i, b0);
+        packed::put12(row, i + 1, b1);
+        packed::put12(row, j, a0);
+        packed::put12(row, j - 1, a1);
+    }
+    if (i < j) {
+        const uint32_t a = packed::get12(row, i);
+        packed::put12(row, i, packed::get12(row, j));
+        packed::put12(row, j, a);
     }
 }
 
@@ -447,41 +433,75 @@ void mirror24(uint8_t* row, uint32_t width) {
     mirror_odd_units<3>(row, width);
 }
 
+// A depth's mirror kernel and whether it clears the bits past the last
+// pixel of its byte (the whole-byte reversal of 1, 2 and 4 bits does).
+struct MirrorKernel {
+    void (*run)(uint8_t* row, uint32_t width) = nullptr;
+    bool clears_tail = false;
+};
+
+// Whole-byte units: reversed in place where the unit is a power of two, out
+// of place through a stack buffer otherwise (3 bytes with its own vector
+// kernels).
+template <int Unit>
+constexpr MirrorKernel units_kernel() {
+    if constexpr ((Unit & (Unit - 1)) == 0)
+        return {mirror_units<Unit>, false};
+    else if constexpr (Unit == 3)
+        return {mirror24, false};
+    else
+        return {mirror_odd_units<Unit>, false};
+}
+
+// Each depth's kernel, chosen by its entry in the pixel-format table.
+template <int32_t Depth>
+constexpr MirrorKernel mirror_kernel_of() {
+    constexpr PixelFormat f = pixel_format(Depth);
+    if constexpr (!f.bitmap)
+        return {};
+    else if constexpr (f.packing == Packing::Fields && 8 % f.bits == 0)
+        return {mirror_packed<f.bits>, true};
+    else if constexpr (f.packing == Packing::Fields)
+        return {mirror_fields<f.bits>, false};
+    else if constexpr (f.packing == Packing::Gray12)
+        return {mirror12, false};
+    else
+        return units_kernel<f.bits / 8>();
+}
+
+template <size_t... D>
+constexpr auto mirror_table(std::index_sequence<D...>) {
+    return std::array<MirrorKernel, sizeof...(D)>{mirror_kernel_of<static_cast<int32_t>(D)>()...};
+}
+
+constexpr auto kMirror = mirror_table(std::make_index_sequence<kMaxDepth + 1>());
+
+const MirrorKernel& mirror_kernel(int32_t bpp) {
+    static constexpr MirrorKernel kNone{};
+    return bpp >= 0 && bpp <= kMaxDepth ? kMirror[static_cast<size_t>(bpp)] : kNone;
+}
+
 }  // namespace
 
 void mirror_line(uint8_t* row, uint32_t width, int32_t bpp) {
-    switch (bpp) {
-        case 1: mirror_packed<1>(row, width); break;
-        case 2: mirror_packed<2>(row, width); break;
-        case 4: mirror_packed<4>(row, width); break;
-        case 3:
-        case 5:
-        case 6:
-        case 7: mirror_fields(row, width, static_cast<unsigned>(bpp)); break;
-        case 8: mirror_units<1>(row, width); break;
-        case 12: mirror12(row, width); break;
-        case 16: mirror_units<2>(row, width); break;
-        case 24: mirror24(row, width); break;
-        case 32: mirror_units<4>(row, width); break;
-        case 48: mirror_odd_units<6>(row, width); break;
-        case 64: mirror_units<8>(row, width); break;
-        default: break;
-    }
+    const MirrorKernel& k = mirror_kernel(bpp);
+    if (k.run) k.run(row, width);
 }
 
 void mirror_row_exact(uint8_t* row, uint32_t width, int32_t bpp) {
-    const uint64_t bits = uint64_t{width} * static_cast<uint32_t>(bpp > 0 ? bpp : 0);
+    const MirrorKernel& k = mirror_kernel(bpp);
+    if (!k.run) return;
+    const uint64_t bits = uint64_t{width} * pixel_format(bpp).bits;
     const unsigned used = static_cast<unsigned>(bits % 8);
-    const bool packed = bpp == 1 || bpp == 2 || bpp == 4;
-    if (!packed || used == 0) {
-        mirror_line(row, width, bpp);
+    if (!k.clears_tail || used == 0) {
+        k.run(row, width);
         return;
     }
-    // The packed kernels clear the bits past the last pixel: put them back.
+    // The kernel clears the bits past the last pixel: put them back.
     const size_t last = static_cast<size_t>(bits / 8);
     const uint8_t spare = static_cast<uint8_t>(0xFFu >> used);
     const uint8_t kept = row[last] & spare;
-    mirror_line(row, width, bpp);
+    k.run(row, width);
     row[last] = static_cast<uint8_t>((row[last] & ~spare) | kept);
 }
 

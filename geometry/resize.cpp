@@ -3,11 +3,12 @@
 // width, with the number of destination rows it stands for.
 // Exports: Z_StartResize, Z_Resize, Z_StopResize.
 //
-// May include: include/zkernel.h, core/bitmap_handle.h, geometry/resize.h.
+// May include: include/zkernel.h, core/bitmap_handle.h, core/pixel_format.h, geometry/resize.h.
 #include <cstddef>
 #include <cstdint>
 
 #include "bitmap_handle.h"
+#include "core/pixel_format.h"
 #include "geometry/resize.h"
 #include "zkernel.h"
 
@@ -105,8 +106,9 @@ void scale_row(const Z_ResizeState& s, uint8_t* buffer, int32_t bpp) {
     if (s.new_width > s.old_width) {
         line.enlarge = true;
         scale_reverse(line, buffer, buffer);
-    } else if (bpp < 8 || bpp == 12) {
-        // Bit fields: the forward scaler would clear the row it reads.
+    } else if (const Packing p = pixel_format(bpp).packing; p == Packing::Fields || p == Packing::Gray12) {
+        // Bit fields and 12-bit samples: the forward scaler would clear the
+        // row it reads.
         scale_reverse(line, buffer, buffer);
     } else {
         scale_forward(line, buffer, buffer);

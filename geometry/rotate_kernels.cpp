@@ -1,9 +1,13 @@
 // Row reversal and band transposes for right-angle turns.
+#include <array>
 #include <bit>
 #include <cstring>
 #include <initializer_list>
+#include <utility>
 
 #include "bitmap_handle.h"
+#include "core/packed_pixels.h"
+#include "core/pixel_format.h"
 #include "geometry/rotate.h"
 
 #include "core/platform/x86_intrinsics.h"
@@ -14,42 +18,6 @@
 
 namespace zk::rotate {
 namespace {
-
-// Pixel value of column x at a depth below 8 bits, or at 12 bits.
-inline uint32_t get_bits(const uint8_t* row, uint32_t x, int32_t bpp) {
-    if (bpp == 12) {
-        const uint8_t* p = row + size_t{x >> 1} * 3;
-        return (x & 1) ? (uint32_t{p[1]} >> 4) | (uint32_t{p[2]} << 4) : uint32_t{p[0]} | ((uint32_t{p[1]} & 15u) << 8);
-    }
-    const uint64_t bit = uint64_t{x} * static_cast<uint32_t>(bpp);
-    const uint8_t* p = row + (bit >> 3);
-    const uint32_t shift = static_cast<uint32_t>(bit & 7);
-    uint32_t window = uint32_t{p[0]} << 8;
-    if (shift + static_cast<uint32_t>(bpp) > 8) window |= p[1];
-    return (window >> (16 - shift - static_cast<uint32_t>(bpp))) & ((1u << bpp) - 1);
-}
-
-// Stores v as pixel x, keeping every other bit of the row.
-inline void put_bits(uint8_t* row, uint32_t x, int32_t bpp, uint32_t v) {
-    if (bpp == 12) {
-        uint8_t* p = row + size_t{x >> 1} * 3;
-        if (x & 1) {
-            p[1] = static_cast<uint8_t>((p[1] & 0x0F) | ((v & 15u) << 4));
-            p[2] = static_cast<uint8_t>(v >> 4);
-        } else {
-            p[0] = static_cast<uint8_t>(v);
-            p[1] = static_cast<uint8_t>((p[1] & 0xF0) | ((v >> 8) & 15u));
-        }
-        return;
-    }
-    const uint64_t bit = uint64_t{x} * static_cast<uint32_t>(bpp);
-    uint8_t* p = row + (bit >> 3);
-    const uint32_t shift = 16 - static_cast<uint32_t>(bit & 7) - static_cast<uint32_t>(bpp);
-    const uint32_t mask = ((1u << bpp) - 1) << shift;
-    const uint32_t val = (v << shift) & mask;
-    p[0] = static_cast<uint8_t>((p[0] & ~(mask >> 8)) | (val >> 8));
-    if (mask & 0xFF) p[1] = static_cast<uint8_t>((p[1] & ~mask) | val);
-}
 
 constexpr uint64_t byteswap64(uint64_t v) {
     v = (v & 0x00FF00FF00FF00FFull) << 8 | ((v >> 8) & 0x00FF00FF00FF00FFull);
@@ -618,58 +586,107 @@ void transpose_units(const uint8_t* __restrict band, size_t stride, uint32_t n, 
     }
 }
 
-void transpose_bits(int32_t bpp, const uint8_t* band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
-                    uint8_t* const* out) {
+// Depths whose pixels are reached one at a time through core/packed_pixels.h
+// (fields of 2..7 bits, 12-bit samples): pixel i of a row, read and stored
+// with every other bit kept.
+template <int Bits>
+struct FieldPixels {
+    static uint32_t get(const uint8_t* row, uint64_t i) { return packed::get_field(row, i, Bits); }
+    static void put(uint8_t* row, uint64_t i, uint32_t v) { packed::put_field(row, i, Bits, v); }
+};
+struct Gray12Pixels {
+    static uint32_t get(const uint8_t* row, uint64_t i) { return packed::get12(row, i); }
+    static void put(uint8_t* row, uint64_t i, uint32_t v) { packed::put12(row, i, v); }
+};
+
+template <class Px>
+void mirror_pixels(const uint8_t* src, uint8_t* dst, uint32_t width) {
+    for (uint32_t j = 0; j < width; ++j) Px::put(dst, j, Px::get(src, width - 1 - j));
+}
+
+// Pixel by pixel. At 4 bits the bits after an odd strip's last pixel are
+// cleared (1 bit clears them too, a whole byte at a time); at other depths
+// they keep their values.
+template <class Px, bool ClearOddNibble>
+void transpose_pixels(const uint8_t* band, size_t stride, uint32_t n, uint32_t d0, uint32_t g, uint8_t* const* out) {
     for (uint32_t a = 0; a < g; ++a)
-        for (uint32_t k = 0; k < n; ++k) put_bits(out[a], k, bpp, get_bits(band + k * stride, d0 + a, bpp));
-    if (bpp == 4 && (n & 1))
-        for (uint32_t a = 0; a < g; ++a) out[a][n >> 1] &= 0xF0;
+        for (uint32_t k = 0; k < n; ++k) Px::put(out[a], k, Px::get(band + k * stride, d0 + a));
+    if constexpr (ClearOddNibble)
+        if (n & 1)
+            for (uint32_t a = 0; a < g; ++a) out[a][n >> 1] &= 0xF0;
+}
+
+// Tile kernels of the 512-bit tier. 1 bit: results for two tiles of band
+// rows (128 bytes) before they are stored; 8 bits: eight (512 bytes).
+#if ZK_X86_TIERS
+constexpr TileKernel kOneBitTiles = {512, 2, (64 + 512) * 64, turn1_tile};
+constexpr TileKernel kEightBitTiles = {64, 8, 64 * 64, turn8_tile};
+constexpr const TileKernel* kOneBitTileKernel = &kOneBitTiles;
+constexpr const TileKernel* kEightBitTileKernel = &kEightBitTiles;
+#else
+constexpr const TileKernel* kOneBitTileKernel = nullptr;
+constexpr const TileKernel* kEightBitTileKernel = nullptr;
+#endif
+
+// A depth's row reversal, strip transpose and tile kernel (null: none; used
+// only where the processor has the 512-bit tier).
+struct TurnKernels {
+    void (*mirror)(const uint8_t* src, uint8_t* dst, uint32_t width) = nullptr;
+    void (*transpose)(const uint8_t* band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
+                      uint8_t* const* out) = nullptr;
+    const TileKernel* tiles = nullptr;
+};
+
+// Each depth's kernels, chosen by its entry in the pixel-format table: 1 bit
+// by whole bytes, 8 bits by bytes, wider pixels by units of their bytes, the
+// other fields and 12-bit samples pixel by pixel.
+template <int32_t Depth>
+constexpr TurnKernels turn_kernels_of() {
+    constexpr PixelFormat f = pixel_format(Depth);
+    if constexpr (!f.bitmap)
+        return {};
+    else if constexpr (f.packing == Packing::Fields && f.bits == 1)
+        return {mirror_row1, transpose1, kOneBitTileKernel};
+    else if constexpr (f.packing == Packing::Fields)
+        return {mirror_pixels<FieldPixels<f.bits>>, transpose_pixels<FieldPixels<f.bits>, f.bits == 4>};
+    else if constexpr (f.packing == Packing::Gray12)
+        return {mirror_pixels<Gray12Pixels>, transpose_pixels<Gray12Pixels, false>};
+    else if constexpr (f.packing == Packing::Byte)
+        return {mirror_bytes, transpose8, kEightBitTileKernel};
+    else
+        return {mirror_units<f.bits / 8>, transpose_units<f.bits / 8>};
+}
+
+template <size_t... D>
+constexpr auto turn_table(std::index_sequence<D...>) {
+    return std::array<TurnKernels, sizeof...(D)>{turn_kernels_of<static_cast<int32_t>(D)>()...};
+}
+
+constexpr auto kTurn = turn_table(std::make_index_sequence<kMaxDepth + 1>());
+
+const TurnKernels& turn_kernels(int32_t bpp) {
+    static constexpr TurnKernels kNone{};
+    return bpp >= 0 && bpp <= kMaxDepth ? kTurn[static_cast<size_t>(bpp)] : kNone;
 }
 
 }  // namespace
 
 void mirror_row(const uint8_t* src, uint8_t* dst, uint32_t width, int32_t bpp) {
-    if (width == 0) return;
-    switch (bpp) {
-        case 1: mirror_row1(src, dst, width); return;
-        case 8: mirror_bytes(src, dst, width); return;
-        case 16: mirror_units<2>(src, dst, width); return;
-        case 24: mirror_units<3>(src, dst, width); return;
-        case 32: mirror_units<4>(src, dst, width); return;
-        case 48: mirror_units<6>(src, dst, width); return;
-        case 64: mirror_units<8>(src, dst, width); return;
-        default:
-            for (uint32_t j = 0; j < width; ++j) put_bits(dst, j, bpp, get_bits(src, width - 1 - j, bpp));
-            return;
-    }
+    const TurnKernels& k = turn_kernels(bpp);
+    if (width != 0 && k.mirror) k.mirror(src, dst, width);
 }
 
 void transpose_strip(int32_t bpp, const uint8_t* band, size_t stride, uint32_t n, uint32_t d0, uint32_t g,
                      uint8_t* const* out) {
-    switch (bpp) {
-        case 1: transpose1(band, stride, n, d0, g, out); return;
-        case 8: transpose8(band, stride, n, d0, g, out); return;
-        case 16: transpose_units<2>(band, stride, n, d0, g, out); return;
-        case 24: transpose_units<3>(band, stride, n, d0, g, out); return;
-        case 32: transpose_units<4>(band, stride, n, d0, g, out); return;
-        case 48: transpose_units<6>(band, stride, n, d0, g, out); return;
-        case 64: transpose_units<8>(band, stride, n, d0, g, out); return;
-        default: transpose_bits(bpp, band, stride, n, d0, g, out); return;
-    }
+    const TurnKernels& k = turn_kernels(bpp);
+    if (k.transpose) k.transpose(band, stride, n, d0, g, out);
 }
 
 const TileKernel* tile_kernel(int32_t bpp) {
 #if ZK_X86_TIERS
-    // 1 bit: results for two tiles of band rows (128 bytes) before they are
-    // stored; 8 bits: eight (512 bytes).
-    static constexpr TileKernel kOneBit = {512, 2, (64 + 512) * 64, turn1_tile};
-    static constexpr TileKernel kEightBits = {64, 8, 64 * 64, turn8_tile};
     if (platform::cpu_tier() < platform::CpuTier::AVX512) return nullptr;
-    return bpp == 1 ? &kOneBit : bpp == 8 ? &kEightBits : nullptr;
-#else
-    (void)bpp;
-    return nullptr;
 #endif
+    return turn_kernels(bpp).tiles;
 }
 
 void store_runs(const uint8_t* stage, size_t stride, size_t bytes, uint8_t* const* dst, uint32_t count, bool stream) {

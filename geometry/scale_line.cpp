@@ -1,14 +1,20 @@
 // Nearest-neighbour scaling of one packed row by exact integer stepping.
 // Exports: Z_GetResizedScanLine, Z_ReverseGetResizedScanLine.
 //
-// Pixels are reached through one small accessor per packing (whole bytes,
-// most-significant-first bit fields, little-endian 12-bit fields); offsets
-// are kept in the accessor's unit (bytes or bits) and advanced by adds only.
+// Pixels are reached through one small accessor per packing, chosen by the
+// pixel-format table: whole bytes copied as such, bit fields and 12-bit
+// samples through core/packed_pixels.h. Positions are kept in the
+// accessor's unit (bytes, or pixels for the packed depths) and advanced by
+// adds only.
 //
-// May include: include/zkernel.h, core/bitmap_handle.h, geometry/resize.h.
+// May include: include/zkernel.h, core/bitmap_handle.h, core/packed_pixels.h, core/pixel_format.h, geometry/resize.h.
+#include <array>
 #include <cstring>
+#include <utility>
 
 #include "bitmap_handle.h"
+#include "core/packed_pixels.h"
+#include "core/pixel_format.h"
 #include "geometry/resize.h"
 #include "zkernel.h"
 
@@ -27,56 +33,29 @@ struct BytePixels {
     }
 };
 
-// B-bit pixels (B < 8) packed from the most significant bit; offsets in bits.
-// A field spans at most two bytes; the second is touched only when the field
-// reaches into it. Writing keeps every bit outside the field.
+// B-bit fields (B < 8) from the most significant bit; positions in pixels.
+// Writing keeps every bit outside the field.
 template <int B>
-struct MsbPixels {
-    static constexpr int64_t kUnit = B;
-    static constexpr unsigned kMask = (1u << B) - 1;
+struct FieldPixels {
+    static constexpr int64_t kUnit = 1;
     static void copy(const uint8_t* src, int64_t from, uint8_t* dst, int64_t to) {
-        const unsigned value = read(src + (from >> 3), static_cast<int>(from & 7));
-        write(dst + (to >> 3), static_cast<int>(to & 7), value);
-    }
-    static unsigned read(const uint8_t* p, int bit) {
-        if (bit + B <= 8) return (p[0] >> (8 - bit - B)) & kMask;
-        const unsigned word = (unsigned{p[0]} << 8) | p[1];
-        return (word >> (16 - bit - B)) & kMask;
-    }
-    static void write(uint8_t* p, int bit, unsigned value) {
-        if (bit + B <= 8) {
-            const int shift = 8 - bit - B;
-            p[0] = static_cast<uint8_t>((p[0] & ~(kMask << shift)) | (value << shift));
-            return;
-        }
-        const int shift = 16 - bit - B;
-        const unsigned word = (((unsigned{p[0]} << 8) | p[1]) & ~(kMask << shift)) | (value << shift);
-        p[0] = static_cast<uint8_t>(word >> 8);
-        p[1] = static_cast<uint8_t>(word);
+        packed::put_field(dst, static_cast<uint64_t>(to), B, packed::get_field(src, static_cast<uint64_t>(from), B));
     }
 };
 
-// 12-bit pixels: pixel k is bits 0-11 (k even) or 4-15 (k odd) of the
-// little-endian 16-bit word at byte 12k / 8; offsets in bits.
-struct TwelveBitPixels {
-    static constexpr int64_t kUnit = 12;
+// 12-bit samples; positions in pixels. Writing keeps the neighbour's bits.
+struct Gray12Pixels {
+    static constexpr int64_t kUnit = 1;
     static void copy(const uint8_t* src, int64_t from, uint8_t* dst, int64_t to) {
-        const uint8_t* s = src + (from >> 3);
-        const unsigned value = (((unsigned{s[1]} << 8) | s[0]) >> (from & 7)) & 0xFFFu;
-        uint8_t* d = dst + (to >> 3);
-        const unsigned shift = static_cast<unsigned>(to & 7);
-        const unsigned word = ((((unsigned{d[1]} << 8) | d[0]) & ~(0xFFFu << shift)) | (value << shift));
-        d[0] = static_cast<uint8_t>(word);
-        d[1] = static_cast<uint8_t>(word >> 8);
+        packed::put12(dst, static_cast<uint64_t>(to), packed::get12(src, static_cast<uint64_t>(from)));
     }
 };
 
-// Depths whose forward scaling clears the destination bytes first.
-constexpr bool clears_first(int32_t bpp) { return bpp < 8 ? bpp != 4 : bpp == 12; }
-
-// Whole pixels the position moves per step besides the accumulator's carry.
+// Whole pixels the position moves per step besides the accumulator's carry:
+// an enlarging line moves on the accumulator alone, except with 16-bit
+// channels.
 int64_t step_of(const Line& line) {
-    const bool step_form_only = line.bpp == 48 || line.bpp == 64;
+    const bool step_form_only = pixel_format(line.bpp).packing == Packing::Channels16;
     return line.enlarge && !step_form_only ? 0 : line.step;
 }
 
@@ -131,25 +110,33 @@ void run(const Line& line, const uint8_t* src, uint8_t* dst, bool backward) {
         run_forward<Px>(line, src, dst);
 }
 
-void dispatch(const Line& line, const uint8_t* src, uint8_t* dst, bool backward) {
-    switch (line.bpp) {
-        case 1: return run<MsbPixels<1>>(line, src, dst, backward);
-        case 2: return run<MsbPixels<2>>(line, src, dst, backward);
-        case 3: return run<MsbPixels<3>>(line, src, dst, backward);
-        case 4: return run<MsbPixels<4>>(line, src, dst, backward);
-        case 5: return run<MsbPixels<5>>(line, src, dst, backward);
-        case 6: return run<MsbPixels<6>>(line, src, dst, backward);
-        case 7: return run<MsbPixels<7>>(line, src, dst, backward);
-        case 8: return run<BytePixels<1>>(line, src, dst, backward);
-        case 12: return run<TwelveBitPixels>(line, src, dst, backward);
-        case 16: return run<BytePixels<2>>(line, src, dst, backward);
-        case 24: return run<BytePixels<3>>(line, src, dst, backward);
-        case 32: return run<BytePixels<4>>(line, src, dst, backward);
-        case 48: return run<BytePixels<6>>(line, src, dst, backward);
-        case 64: return run<BytePixels<8>>(line, src, dst, backward);
-        default: return;
-    }
+// A depth's scaler and whether its forward scaling clears the destination
+// bytes first (the bit fields but 4, and 12-bit samples).
+struct Scaler {
+    void (*run)(const Line& line, const uint8_t* src, uint8_t* dst, bool backward) = nullptr;
+    bool clears_first = false;
+};
+
+// Each depth's scaler, chosen by its entry in the pixel-format table.
+template <int32_t Depth>
+constexpr Scaler scaler_of() {
+    constexpr PixelFormat f = pixel_format(Depth);
+    if constexpr (!f.bitmap)
+        return {};
+    else if constexpr (f.packing == Packing::Fields)
+        return {run<FieldPixels<f.bits>>, f.bits != 4};
+    else if constexpr (f.packing == Packing::Gray12)
+        return {run<Gray12Pixels>, true};
+    else
+        return {run<BytePixels<f.bits / 8>>, false};
 }
+
+template <size_t... D>
+constexpr auto scaler_table(std::index_sequence<D...>) {
+    return std::array<Scaler, sizeof...(D)>{scaler_of<static_cast<int32_t>(D)>()...};
+}
+
+constexpr auto kScalers = scaler_table(std::make_index_sequence<kMaxDepth + 1>());
 
 }  // namespace
 
@@ -163,13 +150,14 @@ bool valid(const Line& line) {
 
 void scale_forward(const Line& line, const uint8_t* src, uint8_t* dst) {
     if (!src || !dst || !valid(line)) return;
-    if (clears_first(line.bpp)) std::memset(dst, 0, static_cast<size_t>(line.bytes));
-    dispatch(line, src, dst, false);
+    const Scaler& s = kScalers[static_cast<size_t>(line.bpp)];
+    if (s.clears_first) std::memset(dst, 0, static_cast<size_t>(line.bytes));
+    s.run(line, src, dst, false);
 }
 
 void scale_reverse(const Line& line, const uint8_t* src, uint8_t* dst) {
     if (!src || !dst || !valid(line)) return;
-    dispatch(line, src, dst, line.enlarge);
+    kScalers[static_cast<size_t>(line.bpp)].run(line, src, dst, line.enlarge);
 }
 
 }  // namespace zk::resize
