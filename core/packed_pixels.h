@@ -14,13 +14,19 @@
 
 namespace zk::packed {
 
+// Whether a field of `bits` bits at bit `off` of its byte lies in that byte:
+// always at 1, 2, 4 and 8 bits, which divide the byte. Saying so first
+// lets a caller with a constant depth drop the two-byte path (and keep the
+// one-byte path in line).
+constexpr bool single_byte(uint32_t off, uint32_t bits) { return (bits & (bits - 1)) == 0 || off + bits <= 8; }
+
 // Field i of `bits` bits (1..8), most significant bit first.
 inline uint32_t get_field(const uint8_t* row, uint64_t i, uint32_t bits) {
     const uint64_t p = i * bits;
     const uint8_t* q = row + (p >> 3);
     const auto off = static_cast<uint32_t>(p & 7);
     const uint32_t mask = (1u << bits) - 1;
-    if (off + bits <= 8) return (q[0] >> (8 - off - bits)) & mask;
+    if (single_byte(off, bits)) return (q[0] >> (8 - off - bits)) & mask;
     return ((uint32_t{q[0]} << 8 | q[1]) >> (16 - off - bits)) & mask;
 }
 
@@ -31,7 +37,7 @@ inline void put_field(uint8_t* row, uint64_t i, uint32_t bits, uint32_t v) {
     const auto off = static_cast<uint32_t>(p & 7);
     const uint32_t mask = (1u << bits) - 1;
     v &= mask;
-    if (off + bits <= 8) {
+    if (single_byte(off, bits)) {
         const uint32_t s = 8 - off - bits;
         q[0] = static_cast<uint8_t>((q[0] & ~(mask << s)) | (v << s));
         return;
