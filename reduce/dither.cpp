@@ -6,15 +6,31 @@
 // the kernel's divisor, truncated toward zero, when it is reached; the sums
 // of pixels to its right on the same line collect the current-line weights
 // until then. Rows are dithered left to right on every line.
+//
+// A line goes in two passes. The first walks the pixels in order, since each
+// depends on the error of the one before: it keeps the current-line weights
+// of the last two errors in registers instead of in the sums, and records
+// every pixel's error. The second adds the weighted errors of the whole line
+// to the sums of the lines below, each sum once, which vectors can do (the
+// farthest line below is written, not added to: no earlier line reaches
+// it). The integer sums are the same as adding every tap as it comes.
+//
+// The fixed palettes whose colour is a function of each channel on its own
+// (all but the gray ones, when every entry is there) are served by tables
+// per channel: from a channel's value before clamping to its error and its
+// part of the index, so the pixel-to-pixel chain holds one table load.
 #include "reduce/dither.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <new>
+#include <type_traits>
 
 #include "bitmap_handle.h"
 #include "color/palette.h"
-#include "core/packed_pixels.h"
+#include "core/platform/cpu.h"
+#include "core/platform/x86_intrinsics.h"
 #include "core/thread_state.h"
 
 namespace zk::reduce {
@@ -105,6 +121,88 @@ constexpr const Kernel* kernel_of(uint32_t method) {
     }
 }
 
+// Every pixel's error is shared out whole: a sum never holds more than
+// 255 * divisor in magnitude, so a divided sum stays within -255..255.
+constexpr bool whole(const Kernel& k) {
+    int32_t total = 0;
+    for (int32_t t = 0; t < k.taps; ++t) total += k.tap[t].weight;
+    return total == k.divisor;
+}
+static_assert(whole(kFloyd) && whole(kStucki) && whole(kBurkes) && whole(kSierra) && whole(kStevensonArce) &&
+              whole(kJarvis));
+
+// The weight of a tap of the current line (0 where the kernel has none).
+constexpr int32_t current_weight(const Kernel& k, int32_t dx) {
+    for (int32_t t = 0; t < k.taps; ++t)
+        if (k.tap[t].dy == 0 && k.tap[t].dx == dx) return k.tap[t].weight;
+    return 0;
+}
+// The current line reaches at most two pixels ahead.
+constexpr bool near_ahead(const Kernel& k) {
+    for (int32_t t = 0; t < k.taps; ++t)
+        if (k.tap[t].dy == 0 && (k.tap[t].dx < 1 || k.tap[t].dx > 2)) return false;
+    return true;
+}
+static_assert(near_ahead(kFloyd) && near_ahead(kStucki) && near_ahead(kBurkes) && near_ahead(kSierra) &&
+              near_ahead(kStevensonArce) && near_ahead(kJarvis));
+
+// Division of a sum by a divisor that is not a power of two, truncating
+// toward zero, as a product and shifts: for |s| <= 255 * d (every sum),
+// s / d == (s * m >> k) + (s < 0), with m = 2^k / d + 1 odd and
+// |s| * (m * d - 2^k) < 2^k. Then |s| * m / 2^k lies in [|s| / d rounded
+// down, the next integer) and is never an integer itself (m is odd and
+// |s| < 2^k), so the arithmetic shift of -|s| * m gives one less than the
+// truncated quotient. The product m * s is what the error of the pixel
+// before contributes scaled, so the chain from pixel to pixel waits for an
+// add and two shifts, not a multiplication.
+struct Divider {
+    int32_t shift;
+    int64_t multiplier;
+};
+constexpr Divider divider_of(int32_t d) {
+    const int64_t most = int64_t{255} * d;
+    for (int32_t k = 1; k < 40; ++k) {
+        const int64_t two = int64_t{1} << k;
+        const int64_t m = two / d + 1;
+        if (m % 2 == 1 && most * (m * d - two) < two) return {k, m};
+    }
+    return {0, 0};
+}
+constexpr bool power_of_two(int32_t d) { return (d & (d - 1)) == 0; }
+// The quotient from the scaled sum s * m.
+constexpr int64_t unscale(int64_t scaled, Divider v) { return (scaled >> v.shift) - (scaled >> 63); }
+
+// What the error of the pixel before is multiplied by in the sum of the
+// next: its weight, scaled by the divider's multiplier where the divisor
+// takes one. It fits 32 bits for every error.
+constexpr int64_t ahead_factor(const Kernel& k) {
+    const int64_t w = current_weight(k, 1);
+    return power_of_two(k.divisor) ? w : w * divider_of(k.divisor).multiplier;
+}
+constexpr bool divides(const Kernel& k) {
+    return power_of_two(k.divisor) || (divider_of(k.divisor).shift > 0 && ahead_factor(k) * 255 < (int64_t{1} << 31));
+}
+static_assert(divides(kFloyd) && divides(kStucki) && divides(kBurkes) && divides(kSierra) && divides(kStevensonArce) &&
+              divides(kJarvis));
+
+// The taps of one line below: offsets into the error line (three values
+// per pixel) and weights.
+struct LineTaps {
+    int32_t n;
+    int32_t offset[7];
+    int32_t weight[7];
+};
+constexpr LineTaps line_taps(const Kernel& k, int32_t dy) {
+    LineTaps t{};
+    for (int32_t i = 0; i < k.taps; ++i)
+        if (k.tap[i].dy == dy) {
+            t.offset[t.n] = -3 * k.tap[i].dx;
+            t.weight[t.n] = k.tap[i].weight;
+            ++t.n;
+        }
+    return t;
+}
+
 // The ordered matrices, used exactly as stored.
 constexpr uint8_t kDispersed[8][8] = {
     {0, 128, 32, 160, 8, 136, 40, 168},   {192, 64, 224, 96, 200, 72, 232, 104},
@@ -135,6 +233,22 @@ constexpr uint32_t gray_of(uint32_t r, uint32_t g, uint32_t b) { return (5 * g +
 // ---------------------------------------------------------------------------
 // The state
 
+struct State;
+struct Pixels;
+using RowFn = void (*)(State& s, const Pixels& px, uint8_t* out);
+
+// The per-channel tables of a fixed palette whose colour splits by channel,
+// indexed by a channel's value before clamping plus 255 (-255..510: a
+// source value and a divided sum, or an ordered offset). Channels red,
+// green, blue.
+constexpr int32_t kSplitBias = 255;
+constexpr int32_t kSplitValues = 766;
+struct SplitTables {
+    int16_t error[3][kSplitValues];  // clamped value minus the chosen colour's channel
+    int32_t ahead[3][kSplitValues];  // the error times the kernel's ahead_factor
+    uint8_t part[3][kSplitValues];   // the channel's part of the index
+};
+
 struct State {
     void* block;  // the allocation holding this state
     uint32_t line_counter;
@@ -145,16 +259,23 @@ struct State {
     Lookup lookup;
     uint32_t dest_bpp;
     const Kernel* kernel;
+    RowFn row;   // dithers one decoded row
+    bool split;  // a fixed palette served by `tables`
+    bool wide;   // the lines below are added to with 256-bit vectors
     RGBQUAD source_palette[256];
     RGBQUAD dest_palette[256];
     uint32_t* match_table;
     bool owns_table;
     MatchList match_list;
     // Error sums: kernel->rows + 1 rows of (width + 2 * margin) pixels, three
-    // channels each (red, green, blue), the current line first.
+    // channels each (red, green, blue), the current line first. Only the
+    // width's pixels are read and written.
     int32_t* error_block;
     int32_t* error[4];
     uint32_t error_row_length;  // pixels per row, margins included
+    // The errors of the line just dithered (red, green, blue per pixel),
+    // between margins of zeros.
+    int32_t* error_line;
     // Decoded colours of the row being dithered (blue, green, red, unused)
     // for sources that are not read in place, and the indices of a row
     // narrower than a byte per pixel before they are packed.
@@ -163,6 +284,7 @@ struct State {
     PixelReader reader;
     // Ordered offsets per matrix row and column, for the index width.
     int16_t offset[8][8];
+    SplitTables tables;
     alignas(64) PaletteSearch search;  // over match_list
 };
 
@@ -172,6 +294,7 @@ void free_state(State* s) {
     if (!s) return;
     if (s->owns_table) Z_Free(s->match_table);
     Z_Free(s->error_block);
+    Z_Free(s->error_line);
     Z_Free(s->colour_row);
     Z_Free(s->index_row);
     void* block = s->block;
@@ -211,15 +334,14 @@ uint32_t lookup_bits(Lookup k) {
 // ---------------------------------------------------------------------------
 // Colour to index
 
-inline uint32_t fixed_index(Lookup kind, uint32_t r, uint32_t g, uint32_t b) {
+// The fixed formulas other than the gray ones are a sum of one part per
+// channel (0 at 0), then a last step that only the 16-colour palette takes:
+// no channel set is entry 0, the others are entries 9..15.
+constexpr uint32_t channel_part(Lookup kind, int channel, uint32_t v) {
+    const uint32_t r = channel == 0 ? v : 0, g = channel == 1 ? v : 0, b = channel == 2 ? v : 0;
     switch (kind) {
-        case Lookup::Fixed2: return gray_of(r, g, b) >> 7;
-        case Lookup::Fixed4: return gray_of(r, g, b) >> 6;
         case Lookup::Fixed8: return (r >> 7) * 4 + (g >> 7) * 2 + (b >> 7);
-        case Lookup::Fixed16: {
-            const uint32_t i = (b >> 7) * 4 + (g >> 7) * 2 + (r >> 7);
-            return i ? i + 8 : 0;
-        }
+        case Lookup::Fixed16: return (b >> 7) * 4 + (g >> 7) * 2 + (r >> 7);
         case Lookup::Fixed32: return (r >> 6) * 8 + (g >> 6) * 2 + (b >> 7);
         case Lookup::Fixed64: return (r >> 6) * 16 + (g >> 6) * 4 + (b >> 6);
         case Lookup::Fixed128: return (r >> 6) * 32 + (g >> 5) * 4 + (b >> 6);
@@ -228,28 +350,199 @@ inline uint32_t fixed_index(Lookup kind, uint32_t r, uint32_t g, uint32_t b) {
         default: return 0;
     }
 }
+// (Arithmetic, not a choice: in a dithered row the choice goes either way
+// at random and is mispredicted.)
+constexpr uint32_t finish_index(bool sixteen, uint32_t sum) {
+    return !sixteen ? sum : sum + 8 * static_cast<uint32_t>(sum != 0);
+}
+constexpr bool summed(Lookup kind) { return kind != Lookup::Fixed2 && kind != Lookup::Fixed4; }
 
-// The palette index of a colour through the match table, searching the
-// nearest selectable entry for a cell not known yet (or holding a position
-// the list does not have).
-inline uint32_t table_index(State& s, uint32_t r, uint32_t g, uint32_t b) {
-    uint32_t& cell = s.match_table[match_cell(r, g, b)];
-    uint32_t at = cell;
-    if (at == 0 || at > s.match_list.count) {
-        at = 1 + s.search.find(r & 0xF8, g & 0xF8, b & 0xF8);
-        cell = at;
-    }
-    return s.match_list.entry[at - 1].rgbReserved;
+template <Lookup Kind>
+inline uint32_t fixed_index(uint32_t r, uint32_t g, uint32_t b) {
+    if constexpr (Kind == Lookup::Fixed2) return gray_of(r, g, b) >> 7;
+    if constexpr (Kind == Lookup::Fixed4) return gray_of(r, g, b) >> 6;
+    if constexpr (summed(Kind))
+        return finish_index(Kind == Lookup::Fixed16,
+                            channel_part(Kind, 0, r) + channel_part(Kind, 1, g) + channel_part(Kind, 2, b));
+    return 0;
 }
 
-struct FixedLookup {
-    Lookup kind;
-    uint32_t operator()(uint32_t r, uint32_t g, uint32_t b) const { return fixed_index(kind, r, g, b); }
+inline uint32_t fixed_index(Lookup kind, uint32_t r, uint32_t g, uint32_t b) {
+    switch (kind) {
+        case Lookup::Fixed2: return fixed_index<Lookup::Fixed2>(r, g, b);
+        case Lookup::Fixed4: return fixed_index<Lookup::Fixed4>(r, g, b);
+        case Lookup::Fixed8: return fixed_index<Lookup::Fixed8>(r, g, b);
+        case Lookup::Fixed16: return fixed_index<Lookup::Fixed16>(r, g, b);
+        case Lookup::Fixed32: return fixed_index<Lookup::Fixed32>(r, g, b);
+        case Lookup::Fixed64: return fixed_index<Lookup::Fixed64>(r, g, b);
+        case Lookup::Fixed128: return fixed_index<Lookup::Fixed128>(r, g, b);
+        case Lookup::Fixed256: return fixed_index<Lookup::Fixed256>(r, g, b);
+        case Lookup::Cube: return fixed_index<Lookup::Cube>(r, g, b);
+        default: return 0;
+    }
+}
+
+// Values of the pixel-to-pixel chain are kept as wide as a pointer, so that
+// a table index needs no widening on the way.
+using Wide = ptrdiff_t;
+
+template <class T>
+inline T clamp8(T v) {
+    return v < 0 ? 0 : v > 255 ? 255 : v;
+}
+
+inline uint8_t channel_of(const RGBQUAD& e, int channel) {
+    return channel == 0 ? e.rgbRed : channel == 1 ? e.rgbGreen : e.rgbBlue;
+}
+
+// Fills the split tables of a summed fixed kind and says whether they give
+// what the formula and the state's palette give for every colour. Each
+// channel's table takes its colour from the entry the channel alone
+// selects, so it depends on the channel's part only; the index depends on
+// the three parts only; so checking every combination of the parts that
+// occur (at most 8 x 8 x 8) checks every colour. A palette with fewer
+// entries than its range has zeros where entries are missing and fails.
+bool build_split(State& s) {
+    const Lookup kind = s.lookup;
+    if (!summed(kind)) return false;
+    const bool sixteen = kind == Lookup::Fixed16;
+    uint8_t part[3][256];
+    uint8_t level[3][256];  // by part
+    uint8_t first[3][256];  // a value with the part
+    bool seen[3][256] = {};
+    for (int c = 0; c < 3; ++c)
+        for (uint32_t v = 0; v < 256; ++v) {
+            const uint32_t p = channel_part(kind, c, v);
+            if (p > 255) return false;
+            part[c][v] = static_cast<uint8_t>(p);
+            if (seen[c][p]) continue;
+            seen[c][p] = true;
+            first[c][p] = static_cast<uint8_t>(v);
+            level[c][p] = channel_of(s.dest_palette[finish_index(sixteen, p) & 255], c);
+        }
+    for (uint32_t pr = 0; pr < 256; ++pr) {
+        if (!seen[0][pr]) continue;
+        for (uint32_t pg = 0; pg < 256; ++pg) {
+            if (!seen[1][pg]) continue;
+            for (uint32_t pb = 0; pb < 256; ++pb) {
+                if (!seen[2][pb]) continue;
+                const uint32_t r = first[0][pr], g = first[1][pg], b = first[2][pb];
+                const uint32_t index = fixed_index(kind, r, g, b);
+                if (finish_index(sixteen, pr + pg + pb) != index) return false;
+                const RGBQUAD& d = s.dest_palette[index & 255];
+                if (d.rgbRed != level[0][pr] || d.rgbGreen != level[1][pg] || d.rgbBlue != level[2][pb]) return false;
+            }
+        }
+    }
+    const int64_t ahead = s.kernel ? ahead_factor(*s.kernel) : 0;
+    for (int c = 0; c < 3; ++c)
+        for (int32_t t = -kSplitBias; t < kSplitValues - kSplitBias; ++t) {
+            const auto v = static_cast<uint32_t>(clamp8(t));
+            s.tables.part[c][t + kSplitBias] = part[c][v];
+            const int32_t error = static_cast<int32_t>(v) - level[c][part[c][v]];
+            s.tables.error[c][t + kSplitBias] = static_cast<int16_t>(error);
+            s.tables.ahead[c][t + kSplitBias] = static_cast<int32_t>(ahead * error);
+        }
+    return true;
+}
+
+// How a colour becomes an index. Both forms take channels before clamping
+// (-255..510): `shifted` (nearest colour, ordered) returns the index;
+// `diffused<A>` (error diffusion) also gives each clamped channel's error
+// against the chosen colour, and that error times A.
+
+// A split fixed palette.
+template <bool Sixteen>
+struct SplitMap {
+    const SplitTables& t;
+    explicit SplitMap(const State& s) : t(s.tables) {}
+    template <int64_t A>
+    uint32_t diffused(Wide r, Wide g, Wide b, Wide (&e)[3], int64_t (&a)[3]) const {
+        r += kSplitBias;
+        g += kSplitBias;
+        b += kSplitBias;
+        e[0] = t.error[0][r];
+        e[1] = t.error[1][g];
+        e[2] = t.error[2][b];
+        if constexpr (A != 0) {
+            a[0] = t.ahead[0][r];
+            a[1] = t.ahead[1][g];
+            a[2] = t.ahead[2][b];
+        }
+        return finish_index(Sixteen, uint32_t{t.part[0][r]} + t.part[1][g] + t.part[2][b]);
+    }
 };
 
-struct TableLookup {
-    State* s;
-    uint32_t operator()(uint32_t r, uint32_t g, uint32_t b) const { return table_index(*s, r, g, b); }
+// A fixed palette by its formula and the state's copy of the palette; the
+// kind is the template argument, or read from the state for AnyFixedMap.
+template <Lookup Kind>
+struct FixedMap {
+    const RGBQUAD* palette;
+    Lookup kind;
+    explicit FixedMap(const State& s) : palette(s.dest_palette), kind(s.lookup) {}
+    uint32_t index(uint32_t r, uint32_t g, uint32_t b) const {
+        if constexpr (Kind == Lookup::OwnedTable)
+            return fixed_index(kind, r, g, b);
+        else
+            return fixed_index<Kind>(r, g, b);
+    }
+    uint32_t shifted(int32_t r, int32_t g, int32_t b) const {
+        return index(static_cast<uint32_t>(clamp8(r)), static_cast<uint32_t>(clamp8(g)),
+                     static_cast<uint32_t>(clamp8(b)));
+    }
+    template <int64_t A>
+    uint32_t diffused(Wide r, Wide g, Wide b, Wide (&e)[3], int64_t (&a)[3]) const {
+        r = clamp8(r);
+        g = clamp8(g);
+        b = clamp8(b);
+        const uint32_t i = index(static_cast<uint32_t>(r), static_cast<uint32_t>(g), static_cast<uint32_t>(b));
+        const RGBQUAD& d = palette[i & 255];
+        e[0] = r - d.rgbRed;
+        e[1] = g - d.rgbGreen;
+        e[2] = b - d.rgbBlue;
+        for (int c = 0; c < 3; ++c) a[c] = A * e[c];
+        return i;
+    }
+};
+using AnyFixedMap = FixedMap<Lookup::OwnedTable>;  // the kind read from the state
+
+// A match table: the cell's entry, searching the nearest selectable entry
+// for a cell not known yet (or holding a position the list does not have).
+// The listed entry holds the palette entry's colour and, in its fourth
+// byte, its index.
+struct TableMap {
+    uint32_t* table;
+    const RGBQUAD* entry;
+    uint32_t count;
+    const PaletteSearch& search;
+    explicit TableMap(State& s)
+        : table(s.match_table), entry(s.match_list.entry), count(s.match_list.count), search(s.search) {}
+    const RGBQUAD& find(uint32_t r, uint32_t g, uint32_t b) const {
+        uint32_t& cell = table[match_cell(r, g, b)];
+        uint32_t at = cell;
+        if (at - 1 >= count) [[unlikely]] {
+            at = 1 + search.find(r & 0xF8, g & 0xF8, b & 0xF8);
+            cell = at;
+        }
+        return entry[at - 1];
+    }
+    uint32_t shifted(int32_t r, int32_t g, int32_t b) const {
+        return find(static_cast<uint32_t>(clamp8(r)), static_cast<uint32_t>(clamp8(g)),
+                    static_cast<uint32_t>(clamp8(b)))
+            .rgbReserved;
+    }
+    template <int64_t A>
+    uint32_t diffused(Wide r, Wide g, Wide b, Wide (&e)[3], int64_t (&a)[3]) const {
+        r = clamp8(r);
+        g = clamp8(g);
+        b = clamp8(b);
+        const RGBQUAD& d = find(static_cast<uint32_t>(r), static_cast<uint32_t>(g), static_cast<uint32_t>(b));
+        e[0] = r - d.rgbRed;
+        e[1] = g - d.rgbGreen;
+        e[2] = b - d.rgbBlue;
+        for (int c = 0; c < 3; ++c) a[c] = A * e[c];
+        return d.rgbReserved;
+    }
 };
 
 // ---------------------------------------------------------------------------
@@ -284,88 +577,228 @@ Pixels decode(State& s, const uint8_t* source) {
     return Pixels{s.colour_row, 4, 2, 1, 0};
 }
 
-inline int32_t clamp8(int32_t v) { return v < 0 ? 0 : v > 255 ? 255 : v; }
+// The lines below receive the errors of the line just dithered: sum[i] of
+// line DY gets the weighted errors at i - 3 dx for each of its taps (the
+// farthest line, which nothing reached before, is set). `i` runs over the
+// width's values from `begin`; the error line's zero margins stand for the
+// pixels outside the row.
+template <const Kernel& K, int32_t DY, bool Fresh>
+void spread_portable(int32_t* sum, const int32_t* e, size_t begin, size_t n) {
+    constexpr LineTaps T = line_taps(K, DY);
+    for (size_t i = begin; i < n; ++i) {
+        const int32_t* at = e + i;
+        int32_t acc = 0;
+#pragma GCC unroll 8
+        for (int32_t t = 0; t < T.n; ++t) acc += T.weight[t] * at[T.offset[t]];
+        sum[i] = Fresh ? acc : sum[i] + acc;
+    }
+}
+
+#if ZK_X86_TIERS
+// The same, eight values at a time; returns how many values it did.
+template <const Kernel& K, int32_t DY, bool Fresh>
+__attribute__((target("avx2"))) size_t spread_avx2(int32_t* sum, const int32_t* e, size_t n) {
+    constexpr LineTaps T = line_taps(K, DY);
+    size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const int32_t* at = e + i;
+        __m256i acc = _mm256_setzero_si256();
+#pragma GCC unroll 8
+        for (int32_t t = 0; t < T.n; ++t) {
+            const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at + T.offset[t]));
+            acc = _mm256_add_epi32(acc, _mm256_mullo_epi32(v, _mm256_set1_epi32(T.weight[t])));
+        }
+        if (!Fresh) acc = _mm256_add_epi32(acc, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sum + i)));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(sum + i), acc);
+    }
+    return i;
+}
+#endif
+
+template <const Kernel& K, int32_t DY>
+void spread_line(State& s, const int32_t* e, size_t n) {
+    constexpr bool fresh = DY == K.rows;
+    int32_t* sum = s.error[DY] + 3 * K.margin;
+    size_t i = 0;
+#if ZK_X86_TIERS
+    if (s.wide) i = spread_avx2<K, DY, fresh>(sum, e, n);
+#endif
+    spread_portable<K, DY, fresh>(sum, e, i, n);
+}
 
 // Error diffusion of one row with kernel K.
-template <const Kernel& K, class Find>
-void diffuse(State& s, const Pixels& px, uint8_t* out, Find find) {
-    constexpr int32_t M = K.margin;
-    int32_t* rows[4];
-    for (int32_t i = 0; i <= K.rows; ++i) rows[i] = s.error[i] + 3 * M;
-    int32_t* cur = rows[0];
+template <const Kernel& K, class Map>
+void diffuse(State& s, const Pixels& px, uint8_t* out) {
+    constexpr int32_t D = K.divisor;
+    constexpr int32_t W2 = current_weight(K, 2);
+    constexpr int64_t A = ahead_factor(K);
+    constexpr Divider V = divider_of(D);
+    const Map map(s);
+    const int32_t* sum = s.error[0] + 3 * K.margin;
+    int32_t* err = s.error_line + 3 * K.margin;
+    // Per channel: the last pixel's error, the one before, and the last
+    // times A; that product is added last, as it is the one the chain from
+    // pixel to pixel waits for.
+    Wide e1[3] = {}, e2[3] = {};
+    int64_t a1[3] = {};
+    // Locals, so that the stores of indices are not taken to change them.
     const uint8_t* src = px.p;
-    for (uint32_t x = 0; x < s.width; ++x, src += px.stride) {
-        int32_t* e0 = cur + 3 * x;
-        const int32_t r = clamp8(src[px.r] + e0[0] / K.divisor);
-        const int32_t g = clamp8(src[px.g] + e0[1] / K.divisor);
-        const int32_t b = clamp8(src[px.b] + e0[2] / K.divisor);
-        const uint32_t index = find(static_cast<uint32_t>(r), static_cast<uint32_t>(g), static_cast<uint32_t>(b));
-        out[x] = static_cast<uint8_t>(index);
-        const RGBQUAD& d = s.dest_palette[index & 255];
-        const int32_t er = r - d.rgbRed, eg = g - d.rgbGreen, eb = b - d.rgbBlue;
-        for (int32_t t = 0; t < K.taps; ++t) {
-            int32_t* a = rows[K.tap[t].dy] + 3 * (static_cast<int64_t>(x) + K.tap[t].dx);
-            a[0] += K.tap[t].weight * er;
-            a[1] += K.tap[t].weight * eg;
-            a[2] += K.tap[t].weight * eb;
+    const uint32_t width = s.width, stride = px.stride, at_r = px.r, at_g = px.g, at_b = px.b;
+    for (uint32_t x = 0; x < width; ++x, src += stride, sum += 3, err += 3) {
+        Wide q[3];
+        for (int c = 0; c < 3; ++c) {
+            const int64_t base = int64_t{sum[c]} + W2 * e2[c];
+            if constexpr (power_of_two(D)) {
+                q[c] = static_cast<Wide>((base + a1[c]) / D);
+            } else {
+                const int64_t scaled = base * V.multiplier + a1[c];
+                q[c] = static_cast<Wide>(unscale(scaled, V));
+            }
+        }
+        Wide e[3];
+        int64_t a[3] = {};
+        out[x] =
+            static_cast<uint8_t>(map.template diffused<A>(src[at_r] + q[0], src[at_g] + q[1], src[at_b] + q[2], e, a));
+        for (int c = 0; c < 3; ++c) {
+            err[c] = static_cast<int32_t>(e[c]);
+            e2[c] = e1[c];
+            e1[c] = e[c];
+            a1[c] = a[c];
         }
     }
-    // The lines move up one; the farthest starts from zero.
+    const int32_t* line = s.error_line + 3 * K.margin;
+    const size_t n = size_t{width} * 3;
+    spread_line<K, 1>(s, line, n);
+    if constexpr (K.rows >= 2) spread_line<K, 2>(s, line, n);
+    if constexpr (K.rows >= 3) spread_line<K, 3>(s, line, n);
+    // The lines move up one; the farthest is set by the next line.
     int32_t* done = s.error[0];
     for (int32_t i = 0; i < K.rows; ++i) s.error[i] = s.error[i + 1];
     s.error[K.rows] = done;
-    std::memset(done, 0, size_t{s.error_row_length} * 3 * sizeof(int32_t));
 }
 
-template <class Find>
-void nearest(State& s, const Pixels& px, uint8_t* out, Find find) {
+template <class Map>
+void nearest(State& s, const Pixels& px, uint8_t* out) {
+    const Map map(s);
     const uint8_t* src = px.p;
-    for (uint32_t x = 0; x < s.width; ++x, src += px.stride)
-        out[x] = static_cast<uint8_t>(find(src[px.r], src[px.g], src[px.b]));
+    const uint32_t width = s.width, stride = px.stride, at_r = px.r, at_g = px.g, at_b = px.b;
+    for (uint32_t x = 0; x < width; ++x, src += stride)
+        out[x] = static_cast<uint8_t>(map.shifted(src[at_r], src[at_g], src[at_b]));
 }
 
-template <class Find>
-void ordered(State& s, const Pixels& px, uint8_t* out, Find find, uint32_t row) {
+template <class Map>
+void ordered(State& s, const Pixels& px, uint8_t* out) {
+    const uint32_t row = s.line_counter % 8;
+    ++s.line_counter;
     const uint8_t* matrix = s.method == DITHER_ORDERED ? kDispersed[row] : kClustered[row];
     const uint8_t* src = px.p;
-    if (s.lookup == Lookup::Fixed2) {
-        for (uint32_t x = 0; x < s.width; ++x, src += px.stride)
-            out[x] = gray_of(src[px.r], src[px.g], src[px.b]) > matrix[x & 7] ? 1 : 0;
-        return;
-    }
-    if (s.lookup == Lookup::Fixed16) {
-        for (uint32_t x = 0; x < s.width; ++x, src += px.stride) {
+    const uint32_t width = s.width, stride = px.stride, at_r = px.r, at_g = px.g, at_b = px.b;
+    if constexpr (std::is_same_v<Map, FixedMap<Lookup::Fixed2>>) {
+        for (uint32_t x = 0; x < width; ++x, src += stride)
+            out[x] = gray_of(src[at_r], src[at_g], src[at_b]) > matrix[x & 7] ? 1 : 0;
+    } else if constexpr (std::is_same_v<Map, FixedMap<Lookup::Fixed16>>) {
+        for (uint32_t x = 0; x < width; ++x, src += stride) {
             const uint32_t m = matrix[x & 7];
-            const uint32_t i = (m < src[px.b] ? 4u : 0u) | (m < src[px.g] ? 2u : 0u) | (src[px.r] > m ? 1u : 0u);
-            out[x] = static_cast<uint8_t>(i ? i + 8 : 0);
+            const uint32_t i = (m < src[at_b] ? 4u : 0u) | (m < src[at_g] ? 2u : 0u) | (src[at_r] > m ? 1u : 0u);
+            out[x] = static_cast<uint8_t>(finish_index(true, i));
         }
-        return;
-    }
-    const int16_t* offset = s.offset[row];
-    for (uint32_t x = 0; x < s.width; ++x, src += px.stride) {
-        const int32_t d = offset[x & 7];
-        out[x] = static_cast<uint8_t>(find(static_cast<uint32_t>(clamp8(src[px.r] + d)),
-                                           static_cast<uint32_t>(clamp8(src[px.g] + d)),
-                                           static_cast<uint32_t>(clamp8(src[px.b] + d))));
+    } else {
+        const Map map(s);
+        int16_t offset[8];
+        std::memcpy(offset, s.offset[row], sizeof offset);
+        for (uint32_t x = 0; x < width; ++x, src += stride) {
+            const int32_t d = offset[x & 7];
+            out[x] = static_cast<uint8_t>(map.shifted(src[at_r] + d, src[at_g] + d, src[at_b] + d));
+        }
     }
 }
 
-template <class Find>
-void dither_with(State& s, const Pixels& px, uint8_t* out, Find find) {
-    switch (s.method) {
-        case DITHER_FLOYD: return diffuse<kFloyd>(s, px, out, find);
-        case DITHER_STUCKI: return diffuse<kStucki>(s, px, out, find);
-        case DITHER_BURKES: return diffuse<kBurkes>(s, px, out, find);
-        case DITHER_SIERRA: return diffuse<kSierra>(s, px, out, find);
-        case DITHER_STEVENSON_ARCE: return diffuse<kStevensonArce>(s, px, out, find);
-        case DITHER_JARVIS: return diffuse<kJarvis>(s, px, out, find);
-        case DITHER_ORDERED:
-        case DITHER_CLUSTERED: {
-            const uint32_t row = s.line_counter % 8;
-            ++s.line_counter;
-            return ordered(s, px, out, find, row);
+template <class Map>
+RowFn diffuse_for(uint32_t method) {
+    switch (method) {
+        case DITHER_FLOYD: return &diffuse<kFloyd, Map>;
+        case DITHER_STUCKI: return &diffuse<kStucki, Map>;
+        case DITHER_BURKES: return &diffuse<kBurkes, Map>;
+        case DITHER_SIERRA: return &diffuse<kSierra, Map>;
+        case DITHER_STEVENSON_ARCE: return &diffuse<kStevensonArce, Map>;
+        case DITHER_JARVIS: return &diffuse<kJarvis, Map>;
+        default: return nullptr;
+    }
+}
+
+template <class Map>
+RowFn row_for(uint32_t method) {
+    if (method == DITHER_ORDERED || method == DITHER_CLUSTERED) return &ordered<Map>;
+    if (method == DITHER_NONE) return &nearest<Map>;
+    return diffuse_for<Map>(method);
+}
+
+// A fixed kind: error diffusion through the split tables where the palette
+// allows (else the formula and the palette), the rest by the formula.
+template <Lookup Kind>
+RowFn fixed_row(const State& s) {
+    if (!s.kernel) return row_for<FixedMap<Kind>>(s.method);
+    if (s.split) return diffuse_for<SplitMap<Kind == Lookup::Fixed16>>(s.method);
+    if constexpr (summed(Kind))
+        return diffuse_for<AnyFixedMap>(s.method);
+    else
+        return diffuse_for<FixedMap<Kind>>(s.method);
+}
+
+// The row function for the state's method and lookup.
+RowFn choose_row(const State& s) {
+    switch (s.lookup) {
+        case Lookup::Fixed2: return fixed_row<Lookup::Fixed2>(s);
+        case Lookup::Fixed4: return fixed_row<Lookup::Fixed4>(s);
+        case Lookup::Fixed8: return fixed_row<Lookup::Fixed8>(s);
+        case Lookup::Fixed16: return fixed_row<Lookup::Fixed16>(s);
+        case Lookup::Fixed32: return fixed_row<Lookup::Fixed32>(s);
+        case Lookup::Fixed64: return fixed_row<Lookup::Fixed64>(s);
+        case Lookup::Fixed128: return fixed_row<Lookup::Fixed128>(s);
+        case Lookup::Fixed256: return fixed_row<Lookup::Fixed256>(s);
+        case Lookup::Cube: return fixed_row<Lookup::Cube>(s);
+        default: return row_for<TableMap>(s.method);
+    }
+}
+
+// Packs the whole bytes of a row of indices of a width that divides 8;
+// returns how many indices went.
+template <uint32_t Bits>
+uint32_t pack_whole_bytes(const uint8_t* index, uint32_t n, uint8_t* dest) {
+    constexpr uint32_t per = 8 / Bits, mask = (1u << Bits) - 1;
+    const uint32_t bytes = n / per;
+    for (uint32_t i = 0; i < bytes; ++i, index += per) {
+        uint32_t v = 0;
+        for (uint32_t k = 0; k < per; ++k) v |= (index[k] & mask) << (8 - Bits * (k + 1));
+        dest[i] = static_cast<uint8_t>(v);
+    }
+    return bytes * per;
+}
+
+// Packs a row of indices into fields of `bits` (1..7) from the most
+// significant bit; the bits of the last byte past them are kept.
+void pack_indices(const uint8_t* index, uint32_t n, uint32_t bits, uint8_t* dest) {
+    // Widths that fill whole bytes: those bytes at once.
+    uint32_t done = 0;
+    if (bits == 4) done = pack_whole_bytes<4>(index, n, dest);
+    if (bits == 2) done = pack_whole_bytes<2>(index, n, dest);
+    if (bits == 1) done = pack_whole_bytes<1>(index, n, dest);
+    index += done;
+    dest += done * bits / 8;
+    n -= done;
+    const uint32_t mask = (1u << bits) - 1;
+    uint32_t acc = 0, held = 0;  // bits not yet stored, in the low `held` bits
+    for (uint32_t x = 0; x < n; ++x) {
+        acc = (acc << bits | (index[x] & mask)) & 0xFFFFu;
+        held += bits;
+        if (held >= 8) {
+            held -= 8;
+            *dest++ = static_cast<uint8_t>(acc >> held);
         }
-        default: return nearest(s, px, out, find);
+    }
+    if (held) {
+        const uint32_t keep = 0xFFu >> held;
+        *dest = static_cast<uint8_t>((acc << (8 - held) & ~keep) | (*dest & keep));
     }
 }
 
@@ -382,7 +815,8 @@ int32_t allocate_rows(State& s) {
     const uint64_t bytes = row_values * sizeof(int32_t) * static_cast<uint64_t>(s.kernel->rows + 1);
     if (bytes > SIZE_MAX / 2) return ST_NO_MEMORY;
     s.error_block = static_cast<int32_t*>(Z_Calloc(1, static_cast<size_t>(bytes)));
-    if (!s.error_block) return ST_NO_MEMORY;
+    s.error_line = static_cast<int32_t*>(Z_Calloc(static_cast<size_t>(row_values), sizeof(int32_t)));
+    if (!s.error_block || !s.error_line) return ST_NO_MEMORY;
     for (int32_t i = 0; i <= s.kernel->rows; ++i) s.error[i] = s.error_block + row_values * static_cast<uint64_t>(i);
     return ST_OK;
 }
@@ -478,6 +912,9 @@ int32_t start_dithering(BitmapHandle& bitmap, uint32_t method, const RGBQUAD* pa
     }
     if ((status = allocate_rows(*s)) != ST_OK) return status;
     if (table) seed_match_table(s->match_table, s->match_list);
+    s->split = s->kernel && !table && build_split(*s);
+    s->wide = platform::cpu_tier() >= platform::CpuTier::AVX2;
+    s->row = choose_row(*s);
     bitmap.DitherData = s;
     guard.s = nullptr;
     return ST_OK;
@@ -488,12 +925,8 @@ void dither_line(BitmapHandle& bitmap, const uint8_t* source, uint8_t* dest) {
     const Pixels px = decode(s, source);
     const uint32_t bits = s.dest_bpp;
     uint8_t* out = bits == 8 ? dest : s.index_row;
-    if (s.lookup == Lookup::OwnedTable || s.lookup == Lookup::UserTable)
-        dither_with(s, px, out, TableLookup{&s});
-    else
-        dither_with(s, px, out, FixedLookup{s.lookup});
-    if (bits >= 1 && bits < 8)
-        for (uint32_t x = 0; x < s.width; ++x) packed::put_field(dest, x, bits, s.index_row[x]);
+    s.row(s, px, out);
+    if (bits >= 1 && bits < 8) pack_indices(s.index_row, s.width, bits, dest);
 }
 
 void stop_dithering(BitmapHandle& bitmap) {
@@ -502,6 +935,16 @@ void stop_dithering(BitmapHandle& bitmap) {
 }
 
 Lookup testing::lookup_of(const BitmapHandle& bitmap) { return state_of(bitmap)->lookup; }
+
+bool testing::split_of(const BitmapHandle& bitmap) { return state_of(bitmap)->split; }
+
+int32_t testing::divided(uint32_t method, int32_t sum) {
+    const Kernel* k = kernel_of(method);
+    if (!k) return 0;
+    if (power_of_two(k->divisor)) return sum / k->divisor;
+    const Divider v = divider_of(k->divisor);
+    return static_cast<int32_t>(unscale(sum * v.multiplier, v));
+}
 
 }  // namespace zk::reduce
 

@@ -48,6 +48,12 @@ void stop_dithering(BitmapHandle& bitmap);
 namespace testing {
 // The lookup kind of the bitmap's state.
 Lookup lookup_of(const BitmapHandle& bitmap);
+// Whether the state diffuses error through per-channel tables of its fixed
+// palette.
+bool split_of(const BitmapHandle& bitmap);
+// The quotient error diffusion with `method` takes of a sum (0 for the
+// other methods).
+int32_t divided(uint32_t method, int32_t sum);
 }  // namespace testing
 
 }  // namespace zk::reduce
