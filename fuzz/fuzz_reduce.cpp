@@ -11,6 +11,14 @@
 // below 216 for the cube); the bits of a destination row past its indices,
 // and the source row, must be kept; a caller's match table may only gain
 // cells that name a selectable entry.
+//
+// Z_ColorResBitmap converts small bitmaps of every depth, held in every
+// storage kind, to every depth (and some that are not) with random palette
+// flags, palettes, counts and dither methods, into no record, another record
+// or the source's own, with a row callback that may stop it. A failure must
+// leave the source record and its pixels as they were, byte for byte; a
+// success must give the requested depth and size. Temporary files go to a
+// private directory, which must be empty once the bitmaps are freed.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -18,6 +26,7 @@
 
 #include "core/platform/cpu.h"
 #include "fuzz_input.h"
+#include "fuzz_storage.h"
 #include "zkernel.h"
 
 namespace {
@@ -266,10 +275,179 @@ void dither_case(Reader& in) {
             if (tiered.table[c] != table[c]) check(tiered.table[c] >= 1 && tiered.table[c] <= listed);
 }
 
+// ---------------------------------------------------------------------------
+// Colour resolution
+
+// The record and every row of a bitmap.
+struct Snapshot {
+    BitmapHandle record;
+    std::vector<uint8_t> rows;
+    std::vector<uint8_t> palette;
+};
+
+Snapshot snapshot(BitmapHandle& b) {
+    Snapshot s;
+    const uint32_t line = b.BytesPerLine;
+    s.rows.resize(size_t(line) * uint32_t(b.Height));
+    for (int32_t y = 0; y < b.Height; ++y)
+        check(Z_GetBitmapRow(&b, s.rows.data() + size_t(y) * line, uint32_t(y), line) == int32_t(line));
+    if (b.Palette && b.ColorCount <= 256) {
+        const auto* p = reinterpret_cast<const uint8_t*>(b.Palette);
+        s.palette.assign(p, p + size_t(b.ColorCount) * sizeof(RGBQUAD));
+    }
+    std::memcpy(&s.record, &b, sizeof b);  // after the reads, which move the row cursor
+    return s;
+}
+
+// The record byte for byte (with `cursor`, also its row cursor), rows and
+// palette.
+bool same(BitmapHandle& b, const Snapshot& s, bool cursor) {
+    BitmapHandle record = s.record;
+    if (!cursor) {
+        record.CurRow = b.CurRow;
+        record.CurRowOffset = b.CurRowOffset;
+    }
+    if (std::memcmp(&b, &record, sizeof b) != 0) return false;
+    const Snapshot now = snapshot(b);
+    return now.rows == s.rows && now.palette == s.palette;
+}
+
+// Stops the conversion at a chosen row, or never.
+struct Stopper {
+    uint32_t rows_left;
+    int32_t status;
+    bool stops;
+};
+
+int32_t Z_API row_seen(BitmapHandle* bitmap, uint8_t* row, uint32_t rows, void* user) {
+    check(bitmap != nullptr && row != nullptr && rows == 1);
+    auto* s = static_cast<Stopper*>(user);
+    if (!s->stops) return ST_OK;
+    if (s->rows_left == 0) return s->status;
+    --s->rows_left;
+    return ST_OK;
+}
+
+constexpr int32_t kNotDepths[] = {0, 9, 10, 100, -8};
+constexpr uint32_t kFlagBits[] = {CRF_FIXED_PALETTE,
+                                  CRF_OPTIMIZED_PALETTE,
+                                  CRF_BYTE_ORDER_BGR,
+                                  CRF_PRESET_PALETTE,
+                                  CRF_USER_PALETTE,
+                                  CRF_USER_MATCH_TABLE,
+                                  CRF_CUBE_PALETTE,
+                                  CRF_BYTE_ORDER_GRAY,
+                                  CRF_NO_MATCH_TABLE,
+                                  CRF_BYTE_ORDER_ALT,
+                                  0x100u,
+                                  0x400u};
+
+void color_res_case(Reader& in) {
+    const int32_t bpp = kDepths[in.take(1) % 14];
+    const int32_t width = 1 + int32_t(in.take(1) % 40), height = 1 + int32_t(in.take(1) % 24);
+    const uint32_t kind = in.take(1) % 4;  // conventional, memory tiles, disk tiles, disk
+    const uint32_t mode = in.take(1) % 3;  // no destination, another record, in place
+    const uint32_t target_choice = in.take(1);
+    const int32_t target = target_choice < 240 ? kDepths[target_choice % 14] : kNotDepths[target_choice % 5];
+    const uint32_t flag_bits = in.take(2);
+    uint32_t flags = CRF_DITHER(in.take(1) % 10);
+    for (uint32_t i = 0; i < 12; ++i)
+        if (flag_bits >> i & 1) flags |= kFlagBits[i];
+    const uint32_t palette_choice = in.take(1) % 7;  // 0 none; 1, 5 entries; 2, 4, 6 a handle; 3 both
+    const bool given_entries = palette_choice % 2 == 1, given_handle = palette_choice >= 2 && palette_choice != 5;
+    const uint32_t colors = in.take(2) % 300;
+    const uint32_t source_bits = in.take(1);
+    Stopper stopper{in.take(1) % 30, -int32_t(in.take(1) % 40) - 1, in.take(1) % 4 == 1};
+    Noise noise{in.take(4)};
+    zkfuzz::PrivateTempDir& temp = zkfuzz::PrivateTempDir::get();
+
+    BitmapHandle src;
+    check(Z_InitBitmap(&src, Z_BITMAPHANDLE_SIZE, width, height, bpp) == ST_OK);
+    src.Order = kOrders[source_bits % 6];
+    // Tiles of about a third of the image (at least a row); the thresholds
+    // stay until the end, since the result is built with them too.
+    const zkfuzz::SavedThresholds saved;
+    const auto tile = int32_t(src.Size / 3 > src.BytesPerLine ? src.Size / 3 : src.BytesPerLine);
+    check(zkfuzz::allocate_kind(src, kind, tile, tile) == ST_OK);
+    std::vector<uint8_t> row(src.BytesPerLine);
+    for (int32_t y = 0; y < height; ++y) {
+        noise.fill(row.data(), row.size());
+        check(Z_PutBitmapRow(&src, row.data(), uint32_t(y), uint32_t(row.size())) == int32_t(row.size()));
+    }
+    if (bpp <= 8 && source_bits & 8) {
+        std::vector<RGBQUAD> entries(1u << bpp);
+        noise.fill(reinterpret_cast<uint8_t*>(entries.data()), entries.size() * 4);
+        check(Z_SetBitmapNewPalette(&src, entries.data(), uint32_t(entries.size())) == 1);
+    }
+    if (source_bits & 16) src.Flags |= BF_SIGNED;
+    if (source_bits & 32) {
+        src.LowBit = noise.next() % 18;
+        src.HighBit = noise.next() % 18;
+    }
+    if (source_bits & 64 && bpp >= 12 && bpp <= 16) {
+        src.LUTLength = 1u << bpp;
+        src.LUT = static_cast<RGBQUAD*>(Z_OsAlloc(src.LUTLength * sizeof(RGBQUAD)));
+        check(src.LUT != nullptr);
+        noise.fill(reinterpret_cast<uint8_t*>(src.LUT), src.LUTLength * sizeof(RGBQUAD));
+        src.Flags |= BF_LUT_USED;
+    }
+
+    // The caller's palette, with reserved entries: as entries, as many as
+    // the largest count takes, or as a handle of any size.
+    std::vector<RGBQUAD> entries(256);
+    for (RGBQUAD& e : entries) {
+        noise.fill(reinterpret_cast<uint8_t*>(&e), 3);
+        e.rgbReserved = noise.next() % 5 == 0 ? static_cast<uint8_t>(1 + noise.next() % 3) : 0;
+    }
+    HPALETTE handle = given_handle ? Z_CreatePalette(entries.data(), 1u + noise.next()) : nullptr;
+    check(!given_handle || handle != nullptr);
+    // The thread's match table, for CRF_USER_MATCH_TABLE.
+    std::vector<uint32_t> table(Z_MATCH_TABLE_CELLS, 0);
+    if (noise.next() % 2)
+        for (uint32_t& cell : table) cell = noise.next() < 32 ? noise.next() : 0;
+    uint32_t* previous_table = Z_SetUserMatchTable(noise.next() % 4 ? table.data() : nullptr);
+
+    const Snapshot before = snapshot(src);
+    BitmapHandle dst;
+    std::memset(&dst, 0xA5, sizeof dst);  // overwritten, not freed
+    BitmapHandle* out = mode == 0 ? nullptr : mode == 1 ? &dst : &src;
+    const int32_t status =
+        Z_ColorResBitmap(&src, out, Z_BITMAPHANDLE_SIZE, target, flags, given_entries ? entries.data() : nullptr,
+                         handle, colors, &row_seen, &stopper);
+    Z_SetUserMatchTable(previous_table);
+    if (handle) Z_DeletePalette(handle);
+
+    if (status != ST_OK) {
+        // The source is as it was (a destination record holds nothing to
+        // free).
+        check(same(src, before, true));
+    } else {
+        // A source that is not the destination is only read.
+        if (mode != 2) check(same(src, before, false));
+        if (mode == 1) {
+            check(dst.BitsPerPixel == target && dst.Width == width && dst.Height == height);
+            // A palette of at most the count asked for (0 or more than the
+            // depth holds: all it holds); an exact optimized palette may
+            // have fewer entries.
+            const uint32_t most = target >= 1 && target <= 8 ? 1u << target : 0;
+            if (most)
+                check(dst.Palette && dst.ColorCount >= 1 &&
+                      dst.ColorCount <= (colors == 0 || colors > most ? most : colors));
+            Z_FreeBitmap(&dst);
+        }
+        if (mode == 2) check(src.BitsPerPixel == target && src.Width == width && src.Height == height);
+    }
+    Z_FreeBitmap(&src);
+    temp.check_clean();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Reader in{data, size};
-    dither_case(in);
+    if (in.take(1) % 2)
+        color_res_case(in);
+    else
+        dither_case(in);
     return 0;
 }
