@@ -1222,8 +1222,9 @@ typedef int32_t(Z_API* COLORRESCALLBACK)(BitmapHandle* bitmap, uint8_t* row, uin
  * allocated here in src's memory kind; its old contents are overwritten,
  * not freed) or src itself (replaced on success; the old storage is freed).
  * Destinations of 8 bits or fewer get the palette flags select, with
- * `colors` entries (0: 2^bitsPerPixel; more is reduced to it); palette and
- * paletteHandle (at most one) give the caller's entries. Rows are dithered
+ * `colors` entries (0: 2^bitsPerPixel; more is reduced to it; an optimized
+ * palette that holds every source colour exactly keeps only the entries it
+ * used); palette and paletteHandle (at most one) give the caller's entries. Rows are dithered
  * with the method in CRF_DITHER(flags) when the palette is smaller than the
  * source's colours, else converted. Deeper destinations take the order of
  * CRF_BYTE_ORDER_* (none: CO_RGB); 12 bits are always gray. The status

@@ -13,13 +13,7 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 using zktest::Kind;
-
-std::vector<Bytes> rows_of(BitmapHandle& b) {
-    std::vector<Bytes> rows(static_cast<size_t>(b.Height), Bytes(b.BytesPerLine));
-    for (uint32_t y = 0; y < static_cast<uint32_t>(b.Height); ++y)
-        EXPECT_EQ(Z_GetBitmapRow(&b, rows[y].data(), y, b.BytesPerLine), static_cast<int32_t>(b.BytesPerLine));
-    return rows;
-}
+using zktest::rows_of;
 
 // A 24-bit source with gradients and noise (or only `colours` distinct
 // colours when that is not 0).

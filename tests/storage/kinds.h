@@ -106,4 +106,12 @@ inline int count_storage_mappings(const std::string& dir) {
     return n;
 }
 
+// Each row of the bitmap through row access.
+inline std::vector<std::vector<uint8_t>> rows_of(BitmapHandle& b) {
+    std::vector<std::vector<uint8_t>> rows(static_cast<size_t>(b.Height), std::vector<uint8_t>(b.BytesPerLine));
+    for (uint32_t y = 0; y < static_cast<uint32_t>(b.Height); ++y)
+        EXPECT_EQ(Z_GetBitmapRow(&b, rows[y].data(), y, b.BytesPerLine), static_cast<int32_t>(b.BytesPerLine));
+    return rows;
+}
+
 }  // namespace zktest
