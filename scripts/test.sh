@@ -33,4 +33,12 @@ echo "== 32-bit =="
 cmake -S . -B build/m32 -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZK_BUNDLED_GTEST=ON \
   -DCMAKE_C_FLAGS=-m32 -DCMAKE_CXX_FLAGS=-m32 -DCMAKE_SHARED_LINKER_FLAGS=-m32 -DCMAKE_EXE_LINKER_FLAGS=-m32 >/dev/null
 cmake --build build/m32 -j "$jobs"
+# A kernel built without 32-bit emulation cannot start the programs at all
+# (exec format error); the 32-bit build is still checked to compile and link.
+started=0
+build/m32/tests/test_header_c99 >/dev/null 2>&1 || started=$?
+if [ "$started" -eq 126 ]; then
+  echo "32-bit programs cannot be started on this kernel (no 32-bit emulation): the -m32 build compiled and linked; its tests are skipped"
+  exit 0
+fi
 (cd build/m32 && ctest -j "$jobs" --output-on-failure --timeout 600)
