@@ -15,7 +15,8 @@ constexpr size_t kStreamBytes = size_t{32} << 20;
 
 }  // namespace
 
-int32_t convert_bitmap_rows(BitmapHandle& source, BitmapHandle& destination, ConvertRequest request, RowHook hook) {
+int32_t convert_bitmap_rows(BitmapHandle& source, BitmapHandle& destination, ConvertRequest request, RowHook hook,
+                            DestinationPages pages) {
     if (!allocated(&source) || !allocated(&destination) || &source == &destination) return ST_INVALID_BITMAP;
     if (source.StructSize != kStructSize || destination.StructSize != kStructSize) return ST_BAD_STRUCT_SIZE;
     if (!geometry_consistent(source) || !geometry_consistent(destination)) return ST_INVALID_BITMAP;
@@ -37,7 +38,8 @@ int32_t convert_bitmap_rows(BitmapHandle& source, BitmapHandle& destination, Con
     if (!converter) return ST_NO_MEMORY;
     if (const int32_t status = converter->prepare(request); status != ST_OK) return status;
 
-    const bool stream = (destination.Flags & BF_MEMORY) && destination.Size >= kStreamBytes;
+    const bool stream =
+        pages == DestinationPages::Touched && (destination.Flags & BF_MEMORY) && destination.Size >= kStreamBytes;
     rows::RowStream in(source), out(destination);
     for (uint32_t y = 0; y < static_cast<uint32_t>(source.Height); ++y) {
         const uint8_t* src = in.read(y);

@@ -1251,6 +1251,21 @@ Z_EXPORT int32_t Z_API Z_ColorResBitmapList(BitmapList list, int32_t bitsPerPixe
 Z_EXPORT int32_t Z_API Z_ColorResBitmapListExt(BitmapList list, int32_t bitsPerPixel, uint32_t flags,
                                                const RGBQUAD* palette, HPALETTE paletteHandle, uint32_t colors,
                                                uint32_t first, uint32_t count);
+/* Replaces bitmap by its gray levels, (2R + 5G + B + 4) >> 3 of each pixel's
+ * colour (a palettized pixel's palette colour; a 12- or 16-bit gray pixel's
+ * significant bits, or its BF_LUT_USED lookup-table colour): bitsPerPixel 8
+ * gives 8-bit pixels holding the level and the 256-level gray ramp as the
+ * palette, 12 or 16 gives CO_GRAY samples with fresh gray parameters.
+ * Rows are converted, never dithered, in the bitmap's own storage kind; the
+ * status callback sees 0 and each whole percentage, another result stops it.
+ * A bitmap that already holds gray levels at that depth (8 bits with the
+ * 256-level ramp, or CO_GRAY at 12 or 16 bits) is left as it is. On every
+ * failure the record and pixels are as they were. ST_OK; ST_BAD_PARAM (null
+ * or unallocated bitmap), ST_BAD_STRUCT_SIZE, ST_BAD_BPP (bitsPerPixel not
+ * 8, 12 or 16), ST_SIGNED_DATA (signed samples without BF_LUT_USED: their
+ * levels are not defined without the table), ST_NO_MEMORY or a storage
+ * status. */
+Z_EXPORT int32_t Z_API Z_GrayScaleBitmap(BitmapHandle* bitmap, int32_t bitsPerPixel);
 
 /* ---------------------------------------------------------------------------
  * Bitmap lists

@@ -116,6 +116,10 @@ int32_t color_res(const ColorResRequest& rq, BitmapHandle* dst) {
     if (!valid_depth(bits)) return ST_BAD_PARAM;
     uint32_t flags = rq.flags;
     if (bits == 12) flags = (flags & CRF_BYTE_ORDER_BGR) | CRF_BYTE_ORDER_GRAY;
+    if (rq.gray) {
+        if (bits != 8 && bits != 12 && bits != 16) return ST_BAD_BPP;
+        flags = CRF_BYTE_ORDER_GRAY;
+    }
 
     // The destination's palette or colour order.
     const bool indexed = pixel_format(bits).indexed;
@@ -123,7 +127,13 @@ int32_t color_res(const ColorResRequest& rq, BitmapHandle* dst) {
     uint32_t order = CO_BGR;
     uint32_t count = 0;
     RGBQUAD palette[256] = {};
-    if (indexed) {
+    if (indexed && rq.gray) {
+        count = 256;
+        for (uint32_t i = 0; i < count; ++i) {
+            const auto v = static_cast<uint8_t>(i);
+            palette[i] = RGBQUAD{v, v, v, 0};
+        }
+    } else if (indexed) {
         const uint32_t selector = rq.palette_handle ? CRF_USER_PALETTE : flags & kSelectorMask;
         if (!palette_choice(selector, bits, &choice)) return ST_BAD_PARAM;
         const uint32_t most = 1u << bits;
@@ -159,7 +169,7 @@ int32_t color_res(const ColorResRequest& rq, BitmapHandle* dst) {
 
     // Optimized palettes: the entries to fill, and whether rows are then
     // dithered or (for an exact result in one run) converted.
-    bool dither = indexed && (src_bits > bits || src_bits > 8 || source.ColorCount > count);
+    bool dither = indexed && !rq.gray && (src_bits > bits || src_bits > 8 || source.ColorCount > count);
     TableBlock table;
     bool exact = false;
     if (choice == Choice::Optimized && indexed) {
@@ -233,17 +243,20 @@ int32_t color_res(const ColorResRequest& rq, BitmapHandle* dst) {
         ConvertRequest request;
         const bool gray_source = source.Order == CO_GRAY && src_bits > 8;
         request.src_order = static_cast<int32_t>(src_bits <= 8 ? CO_BGR : source.Order);
-        request.dst_order = indexed ? CO_BGR : order;
+        // An 8-bit gray result is written as gray levels, which its ramp
+        // palette shows as they are.
+        request.dst_order = indexed ? (rq.gray ? CO_GRAY : CO_BGR) : order;
         request.src_palette = src_bits <= 8                             ? source.Palette
                               : gray_source && has(source, BF_LUT_USED) ? source.LUT
                                                                         : nullptr;
-        request.dst_palette = indexed ? palette : nullptr;
+        request.dst_palette = indexed && !rq.gray ? palette : nullptr;
         if (gray_source) {
             request.flags |= CVT_SRC_RANGE;
             request.low_bit = source.LowBit;
             request.high_bit = source.HighBit;
         }
-        status = convert_bitmap_rows(source, result, request, RowHook{RowReport::call, &report});
+        status =
+            convert_bitmap_rows(source, result, request, RowHook{RowReport::call, &report}, DestinationPages::Fresh);
     }
     if (status != ST_OK) return status;
 

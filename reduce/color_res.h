@@ -22,6 +22,10 @@ struct ColorResRequest {
     uint32_t colors = 0;
     COLORRESCALLBACK callback = nullptr;
     void* user = nullptr;
+    // Gray levels instead of the flags' palette and order: at 8 bits with
+    // the 256-level gray ramp as the palette, at 12 and 16 bits in CO_GRAY.
+    // Rows are always converted, never dithered.
+    bool gray = false;
 };
 
 // Z_ColorResBitmap: dst null, another record, or the source itself.
