@@ -195,15 +195,12 @@ extern "C" int32_t Z_API Z_ChangeBitmapHeight(BitmapHandle* bitmap, int32_t heig
     if (bitmap->Flags & (BF_USER_DATA | BF_LOCKED)) return ST_BAD_PARAM;
     if (height == bitmap->Height) return ST_OK;
     if (height < 1) return ST_BAD_PARAM;
-    // The run-length stores keep their rows in their own form; their height
-    // change belongs to them.
-    if (bitmap->Flags & (BF_COMPRESSED | BF_SUPERCOMPRESSED)) return ST_BAD_PARAM;
-
     const uint64_t wanted = static_cast<uint64_t>(bitmap->BytesPerLine) * static_cast<uint32_t>(height);
     if (wanted > zk::kMaxImageBytes) return ST_TOO_LARGE;
     const size_t new_size = static_cast<size_t>(wanted);
     const zk::storage::KindOps* ops = zk::storage::kind_ops(*bitmap);
     if (!ops) return ST_INVALID_BITMAP;
+    if (!ops->resize) return ST_BAD_PARAM;
     const int32_t r = ops->resize(*bitmap, height, new_size);
     if (r != ST_OK) return r;
     bitmap->Height = height;

@@ -11,6 +11,7 @@
 #include "bitmap_handle.h"
 #include "overlays.h"
 #include "region.h"
+#include "storage.h"
 
 namespace zk {
 namespace {
@@ -57,14 +58,6 @@ void undo_duplicate(BitmapHandle* dst, uint32_t flags) {
     Z_FreeBitmap(dst);
 }
 
-// Storage type that gives a duplicate the source's kind.
-uint32_t kind_of(const BitmapHandle& src) {
-    if (src.Flags & BF_COMPRESSED) return TYPE_COMPRESSED | TYPE_CONV;
-    if (src.Flags & BF_SUPERCOMPRESSED) return TYPE_SUPERCOMPRESSED;
-    if (src.Flags & BF_DISK) return TYPE_DISK;
-    return TYPE_CONV;
-}
-
 }  // namespace
 
 int32_t duplicate(BitmapHandle* dst, BitmapHandle* src, int32_t width, int32_t height, int32_t bpp, uint32_t flags) {
@@ -78,7 +71,7 @@ int32_t duplicate(BitmapHandle* dst, BitmapHandle* src, int32_t width, int32_t h
 
     const bool allocate = flags & DUP_ALLOCATE;
     if (allocate) {
-        r = Z_AllocateBitmap(dst, kind_of(*src));
+        r = Z_AllocateBitmap(dst, storage::duplicate_type(storage::kind_of(*src)));
         if (r != ST_OK) {
             Z_FreeBitmap(dst);  // nothing shared yet
             return r;

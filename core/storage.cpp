@@ -4,7 +4,6 @@
 #include "storage.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 
 #include "bitmap_handle.h"
@@ -107,11 +106,24 @@ void disk_release(BitmapHandle& b) {
     b.Flags &= ~BF_DISK;
 }
 
-const KindOps kMemoryOps = {true, memory_fetch, memory_store, memory_map, memory_release, resize_memory};
-const KindOps kDiskOps = {true, disk_fetch, disk_store, disk_map, disk_release, resize_disk};
+const KindOps kMemoryOps = {StorageKind::Memory, true,       true,           true,          memory_fetch,
+                            memory_store,        memory_map, memory_release, resize_memory, nullptr};
+const KindOps kDiskOps = {StorageKind::Disk, true,     false,        false,       disk_fetch,
+                          disk_store,        disk_map, disk_release, resize_disk, nullptr};
 
-std::atomic<const RowStore*> g_run_length{nullptr};
-std::atomic<const RowStore*> g_second_form{nullptr};
+// Per kind (in StorageKind order): what the memory report says, and the
+// allocation type of a duplicate.
+struct KindTypes {
+    uint32_t reported, duplicate;
+};
+constexpr KindTypes kKindTypes[] = {
+    {TYPE_DISK, TYPE_CONV},                          // none
+    {TYPE_CONV, TYPE_CONV},                          // memory
+    {TYPE_TILED, TYPE_CONV},                         // tiled: by the thresholds
+    {TYPE_DISK, TYPE_DISK},                          // disk
+    {TYPE_COMPRESSED, TYPE_COMPRESSED | TYPE_CONV},  // run-length
+    {TYPE_SUPERCOMPRESSED, TYPE_SUPERCOMPRESSED},    // second form
+};
 
 // --- allocation -------------------------------------------------------------
 struct Thresholds {
@@ -265,16 +277,27 @@ bool accepted_type(uint32_t type) {
 }  // namespace
 
 // ---------------------------------------------------------------------------
+StorageKind kind_of(const BitmapHandle& b) {
+    const uint32_t f = b.Flags;
+    if (f & BF_USER_DATA) return StorageKind::Memory;
+    if (f & BF_COMPRESSED) return StorageKind::RunLength;
+    if (f & BF_SUPERCOMPRESSED) return StorageKind::SecondForm;
+    if (f & BF_TILED) return StorageKind::Tiled;
+    if (f & BF_MEMORY) return StorageKind::Memory;
+    if (f & BF_DISK) return StorageKind::Disk;
+    return StorageKind::None;
+}
+
+uint32_t memory_type(StorageKind kind) { return kKindTypes[static_cast<int>(kind)].reported; }
+uint32_t duplicate_type(StorageKind kind) { return kKindTypes[static_cast<int>(kind)].duplicate; }
+
 const KindOps* kind_ops(const BitmapHandle& b) {
-    if (b.Flags & (BF_COMPRESSED | BF_SUPERCOMPRESSED)) return nullptr;
-    if (b.Flags & BF_TILED) return &kTiledOps;
-    if (b.Flags & BF_MEMORY) return &kMemoryOps;
-    if (b.Flags & BF_DISK) return &kDiskOps;
-    return nullptr;
+    constexpr const KindOps* kOps[] = {nullptr, &kMemoryOps, &kTiledOps, &kDiskOps, nullptr, nullptr};
+    return kOps[static_cast<int>(kind_of(b))];
 }
 
 size_t reachable_bytes(const BitmapHandle& b) {
-    if (b.Flags & BF_TILED) {
+    if (kind_of(b) == StorageKind::Tiled) {
         const uint64_t height = b.Height > 0 ? static_cast<uint64_t>(b.Height) : 0;
         return static_cast<size_t>(height * b.BytesPerLine);
     }
@@ -282,22 +305,10 @@ size_t reachable_bytes(const BitmapHandle& b) {
 }
 
 void release(BitmapHandle& b) {
-    const uint32_t f = b.Flags;
-    if (f & BF_USER_DATA) {
-        memory_release(b);
-    } else if (f & BF_COMPRESSED) {
-        if (const RowStore* s = row_store(BF_COMPRESSED)) s->release(b);
-        b.Flags &= ~BF_COMPRESSED;
-    } else if (f & BF_TILED) {
-        kTiledOps.release(b);
-    } else if (f & BF_SUPERCOMPRESSED) {
-        if (const RowStore* s = row_store(BF_SUPERCOMPRESSED)) s->release(b);
-        b.Flags &= ~BF_SUPERCOMPRESSED;
-    } else if (f & BF_MEMORY) {
-        memory_release(b);
-    } else if (f & BF_DISK) {
-        disk_release(b);
-    }
+    if (const KindOps* ops = kind_ops(b))
+        ops->release(b);
+    else
+        b.Flags &= ~(BF_COMPRESSED | BF_SUPERCOMPRESSED);  // a compressed kind that holds nothing here
 }
 
 int32_t allocate_global(BitmapHandle& b) {
@@ -321,8 +332,8 @@ int32_t allocate_global(BitmapHandle& b) {
 }
 
 int32_t remap_conventional(BitmapHandle& b, size_t new_size) {
-    const uint32_t other = BF_GLOBAL | BF_USER_DATA | BF_TILED | BF_COMPRESSED | BF_SUPERCOMPRESSED;
-    if (!(b.Flags & BF_MEMORY) || (b.Flags & other) || !b.DataHandle || !b.Data) return ST_BAD_PARAM;
+    if (kind_of(b) != StorageKind::Memory || (b.Flags & (BF_GLOBAL | BF_USER_DATA)) || !b.DataHandle || !b.Data)
+        return ST_BAD_PARAM;
     if (new_size == 0 || new_size > SIZE_MAX - kConventionalSlack) return ST_NO_MEMORY;
     pf::Mapping m;
     m.handle = b.DataHandle;
@@ -349,17 +360,6 @@ int32_t remap_conventional(BitmapHandle& b, size_t new_size) {
     b.Data = view + offset;
     b.Size = new_size;
     return ST_OK;
-}
-
-void set_row_store(uint32_t flag, const RowStore* store) {
-    if (flag == BF_COMPRESSED) g_run_length.store(store);
-    if (flag == BF_SUPERCOMPRESSED) g_second_form.store(store);
-}
-
-const RowStore* row_store(uint32_t flag) {
-    if (flag == BF_COMPRESSED) return g_run_length.load();
-    if (flag == BF_SUPERCOMPRESSED) return g_second_form.load();
-    return nullptr;
 }
 
 int64_t mul_div(int64_t a, int64_t b, int64_t c) {
@@ -404,10 +404,7 @@ int32_t allocate(BitmapHandle& b, uint32_t type) {
         b.Flags |= BF_ALLOCATED | BF_MEMORY | BF_USER_DATA;
         return ST_OK;
     } else if (type == kTypeRunLength || type == kTypeSecondForm || type == kTypeSecondFormConv) {
-        const uint32_t flag = type == kTypeRunLength ? BF_COMPRESSED : BF_SUPERCOMPRESSED;
-        const RowStore* store = row_store(flag);
-        status = store ? store->allocate(b, type) : ST_BAD_PARAM;
-        if (status == ST_OK) b.Flags |= BF_ALLOCATED | BF_MEMORY | flag;
+        status = ST_BAD_PARAM;  // the compressed stores are not built
     } else {
         status = allocate_memory(b, type);
     }
@@ -458,9 +455,7 @@ extern "C" void Z_API Z_FreeBitmap(BitmapHandle* bitmap) {
 namespace {
 // Global storage that Z_AccessBitmap / Z_ReleaseBitmap act on.
 bool lockable(const BitmapHandle* b) {
-    if (!b || b->StructSize != kStructSize) return false;
-    if (b->Flags & (BF_COMPRESSED | BF_TILED | BF_SUPERCOMPRESSED)) return false;
-    return (b->Flags & BF_MEMORY) != 0;
+    return b && b->StructSize == kStructSize && zk::storage::kind_of(*b) == zk::storage::StorageKind::Memory;
 }
 }  // namespace
 
@@ -531,17 +526,7 @@ extern "C" int32_t Z_API Z_GetBitmapMemoryInfo(BitmapHandle* bitmap, uint32_t* m
     if (!zk::allocated(bitmap)) return ST_INVALID_BITMAP;
     if (bitmap->StructSize != kStructSize) return ST_BAD_STRUCT_SIZE;
     if (!memoryType) return ST_BAD_PARAM;
-    const uint32_t f = bitmap->Flags;
-    if (f & BF_COMPRESSED)
-        *memoryType = TYPE_COMPRESSED;
-    else if (f & BF_SUPERCOMPRESSED)
-        *memoryType = TYPE_SUPERCOMPRESSED;
-    else if (f & BF_TILED)
-        *memoryType = TYPE_TILED;
-    else if (f & BF_MEMORY)
-        *memoryType = TYPE_CONV;
-    else
-        *memoryType = TYPE_DISK;
+    *memoryType = zk::storage::memory_type(zk::storage::kind_of(*bitmap));
     if (const zk::storage::TileTable* t = zk::storage::tile_table(*bitmap)) {
         if (tileSize) *tileSize = t->RowsPerTile * bitmap->BytesPerLine;
         if (tileCount) *tileCount = t->TileCount;

@@ -1,6 +1,5 @@
 // Pixel storage of a bitmap record: the storage kinds behind one byte-span
-// interface, the tile table of tiled storage and the operations on it, and
-// the seam where the compressed row stores plug in.
+// interface, and the tile table of tiled storage and the operations on it.
 //
 // Storage kinds (told by the Flags bits):
 //   conventional  BF_MEMORY              anonymous mapping of Size + 31 bytes, Data 32-byte aligned
@@ -8,11 +7,12 @@
 //   caller memory BF_MEMORY | BF_USER_DATA
 //   tiled         BF_MEMORY | BF_TILED   Data is the TileTable
 //   disk          BF_DISK                DataHandle is a delete-on-close temporary file
-//   compressed    BF_COMPRESSED / BF_SUPERCOMPRESSED, through a RowStore (below)
+//   run-length    BF_COMPRESSED          1-bit rows kept as runs
+//   second form   BF_SUPERCOMPRESSED     not built: refused at allocation
 //
-// Row access, copying and rotation reach the bytes of every uncompressed kind
-// through KindOps (fetch span, store span, map, release) and never switch on
-// the kind themselves.
+// Row access, copying and rotation reach the bytes of every kind through
+// KindOps (fetch span, store span, map, release, resize) and ask its entry
+// what the kind can do; they never switch on the kind themselves.
 //
 // May include: include/zkernel.h, core/bitmap_handle.h, core/platform/platform.h.
 #pragma once
@@ -66,15 +66,6 @@ bool map_tile(BitmapHandle& bitmap, uint32_t index);
 // Removes the oldest tile from the mapped list and unmaps its view.
 void unmap_oldest(BitmapHandle& bitmap);
 
-// Moves `count` bytes at `offset` (from the first byte of row 0) between
-// tiled storage and `buffer` like the kind's fetch and store, but reaches
-// disk tiles that are not mapped through their files instead of mapping
-// them: for many short pieces spread over the image, which through views
-// would map a tile and fault in its pages again every few rows. ST_OK,
-// ST_BAD_PARAM (outside the pixels), ST_FILE_SEEK, ST_FILE_READ or
-// ST_FILE_WRITE.
-int32_t tiled_transfer_unmapped(BitmapHandle& bitmap, size_t offset, uint8_t* buffer, size_t count, bool put);
-
 // Unmaps oldest first down to `target`, or walks the tiles from MemTiles
 // onward mapping unmapped disk tiles up to `target` (never above MaxMapped or
 // the disk tiles there are); memory tiles met right after the memory tiles
@@ -85,6 +76,15 @@ uint32_t set_mapped_count(BitmapHandle& bitmap, uint32_t target);
 // in the thread's temporary directory. Z_INVALID_FILE on failure, with
 // nothing left behind.
 Z_FILE create_tile_file(uint64_t bytes);
+
+// Moves tiles between memory and disk and sets the mapped-tile limit and
+// count: tiles [0, mem_tiles) in memory (clamped to the tile count), the
+// limit clamped to the disk tiles, then disk tiles mapped up to `mapped`
+// (clamped to the limit). Every new mapping or file is made and filled
+// before any tile changes, so a failure (ST_NO_MEMORY, ST_TEMP_FILE,
+// ST_FILE_READ, ST_FILE_WRITE) leaves the bitmap as it was;
+// ST_INVALID_BITMAP when it is not tiled.
+int32_t place_tiles(BitmapHandle& bitmap, uint32_t mem_tiles, uint32_t max_mapped, uint32_t mapped);
 
 // Tile geometry and placement for build_tiles.
 struct TileLayout {
@@ -123,12 +123,36 @@ int32_t allocate_global(BitmapHandle& bitmap);
 void release(BitmapHandle& bitmap);
 
 // ---------------------------------------------------------------------------
-// Byte-span access to the uncompressed kinds. Offsets count from the first
-// byte of row 0. fetch/store return the bytes moved or a negative status.
+// The storage kinds. kind_of() is the one answer to which kind a record has;
+// what a kind can do is an entry of its KindOps, asked of the entry rather
+// than of the flag bits.
+enum class StorageKind : uint8_t { None, Memory, Tiled, Disk, RunLength, SecondForm };
+
+// Caller memory and global blocks are memory; BF_COMPRESSED is the run-length
+// store, BF_SUPERCOMPRESSED the second compressed form (tiled or not), then
+// BF_TILED, BF_MEMORY, BF_DISK; None for a record with none of them.
+StorageKind kind_of(const BitmapHandle& bitmap);
+
+// What Z_GetBitmapMemoryInfo reports for a kind (TYPE_CONV for memory), and
+// the allocation type that gives a duplicate the source's kind (tiled
+// sources duplicate by the thresholds, as a conventional request does).
+uint32_t memory_type(StorageKind kind);
+uint32_t duplicate_type(StorageKind kind);
+
+// Byte-span access to a kind's pixels. Offsets count from the first byte of
+// row 0 in the packed layout of BytesPerLine rows, whatever the kind keeps.
+// fetch/store return the bytes moved or a negative status.
 struct KindOps {
+    StorageKind kind;
     // Memory and disk storage keep the row cursor (CurRow, CurRowOffset);
-    // tiled storage neither reads nor updates it.
+    // the other kinds neither read nor update it.
     bool uses_cursor;
+    // map can give the address of rows (memory, tiled).
+    bool addressable;
+    // An address map gave stays valid while other rows are mapped, so that
+    // several rows can be held at once (memory only: a tile may be unmapped
+    // to map another).
+    bool rows_stay_put;
     int64_t (*fetch)(BitmapHandle& bitmap, size_t offset, uint8_t* out, size_t count);
     int64_t (*store)(BitmapHandle& bitmap, size_t offset, const uint8_t* in, size_t count);
     // Address of the `count` bytes at offset when they can be reached as one
@@ -137,8 +161,15 @@ struct KindOps {
     void (*release)(BitmapHandle& bitmap);
     // Gives the storage `height` rows (`size` bytes, checked by the caller):
     // rows below it dropped, rows added at the bottom zero. On failure the
-    // storage and its rows are as they were. Does not change Height.
+    // storage and its rows are as they were. Does not change Height. Null
+    // where the kind cannot change its height.
     int32_t (*resize)(BitmapHandle& bitmap, int32_t height, size_t size);
+    // Moves the bytes of a rectangle's row (one of many short pieces spread
+    // over the image) without making views that would each be mapped and
+    // faulted in again for every rectangle; ST_OK or a status. Null where
+    // the kind has no cheaper way than fetch and store; the kinds that have
+    // one can also turn a square in place by rectangles.
+    int32_t (*transfer_piece)(BitmapHandle& bitmap, size_t offset, uint8_t* buffer, size_t count, bool put);
 };
 
 // The resize operation of each kind (change_height.cpp).
@@ -146,9 +177,8 @@ int32_t resize_memory(BitmapHandle& bitmap, int32_t height, size_t size);
 int32_t resize_tiled(BitmapHandle& bitmap, int32_t height, size_t size);
 int32_t resize_disk(BitmapHandle& bitmap, int32_t height, size_t size);
 
-// The operations of the bitmap's kind: memory (conventional, global, caller,
-// any BF_MEMORY record that is not tiled or compressed), tiled, disk. Null for
-// compressed storage and for a record with neither BF_MEMORY nor BF_DISK.
+// The operations of the bitmap's kind; null for a record without storage
+// and for the compressed kinds until their stores are built.
 const KindOps* kind_ops(const BitmapHandle& bitmap);
 
 // Bytes of pixel data the kind can reach from offset 0 (Size for memory and
@@ -162,27 +192,6 @@ size_t reachable_bytes(const BitmapHandle& bitmap);
 constexpr uint32_t kTypeRunLength = TYPE_COMPRESSED | TYPE_MEMORY_ONLY;  // 768
 constexpr uint32_t kTypeSecondForm = TYPE_SUPERCOMPRESSED;               // 1024
 constexpr uint32_t kTypeSecondFormConv = TYPE_SUPERCOMPRESSED | TYPE_CONV;
-
-// Compressed row stores: the run-length store (BF_COMPRESSED, allocation type
-// 768) and the second compressed form (BF_SUPERCOMPRESSED, types 1024/1025 at
-// 1 or 24 bits). They plug in here. Until one is installed, allocating that
-// kind gives ST_BAD_PARAM and row access on such a record gives ST_BAD_PARAM.
-struct RowStore {
-    // Builds the store for the described record (its flag bits are set by the
-    // caller on success). Any failure status is returned as is.
-    int32_t (*allocate)(BitmapHandle& bitmap, uint32_t type);
-    void (*release)(BitmapHandle& bitmap);
-    // Expand / compress part of a row, from `column` on; results as row access.
-    int32_t (*get_row)(BitmapHandle& bitmap, uint8_t* buffer, uint32_t row, uint32_t column, uint32_t bytes);
-    int32_t (*put_row)(BitmapHandle& bitmap, const uint8_t* buffer, uint32_t row, uint32_t column, uint32_t bytes);
-    int32_t (*put_segments)(BitmapHandle& bitmap, const uint8_t* buffer, uint32_t row, uint32_t x_offset,
-                            const uint32_t* segments, uint32_t count);
-};
-
-// Installs (or, with null, removes) the store for BF_COMPRESSED or
-// BF_SUPERCOMPRESSED. Process-wide; installed once at start-up.
-void set_row_store(uint32_t flag, const RowStore* store);
-const RowStore* row_store(uint32_t flag);
 
 // ---------------------------------------------------------------------------
 // Round(a * b / c) in 64 bits, halves away from zero; -1 when c is 0.

@@ -162,13 +162,25 @@ void tiled_release(BitmapHandle& b) {
     b.Flags &= ~BF_TILED;
 }
 
+// Moves a piece like fetch and store, but reaches disk tiles that are not
+// mapped through their files instead of mapping them: for many short pieces
+// spread over the image, which through views would map a tile and fault in
+// its pages again every few rows. ST_OK, ST_BAD_PARAM (outside the pixels),
+// ST_FILE_SEEK, ST_FILE_READ or ST_FILE_WRITE.
+int32_t tiled_transfer_unmapped(BitmapHandle& b, size_t offset, uint8_t* buffer, size_t count, bool put) {
+    int32_t status = ST_OK;
+    TileTable* t = checked_table(b, offset, count, &status);
+    return t ? pieces(b, t, offset, buffer, count, put, false) : status;
+}
+
 }  // namespace
 
 extern const KindOps kTiledOps;
-const KindOps kTiledOps = {false, tiled_fetch, tiled_store, tiled_map, tiled_release, resize_tiled};
+const KindOps kTiledOps = {StorageKind::Tiled, false,     true,          false,        tiled_fetch,
+                           tiled_store,        tiled_map, tiled_release, resize_tiled, tiled_transfer_unmapped};
 
 TileTable* tile_table(const BitmapHandle& b) {
-    if (!(b.Flags & BF_TILED)) return nullptr;
+    if (kind_of(b) != StorageKind::Tiled) return nullptr;
     return reinterpret_cast<TileTable*>(b.Data);
 }
 
@@ -197,12 +209,6 @@ bool map_tile(BitmapHandle& b, uint32_t index) {
     e[t->MappedCount].mapped = index;
     ++t->MappedCount;
     return true;
-}
-
-int32_t tiled_transfer_unmapped(BitmapHandle& b, size_t offset, uint8_t* buffer, size_t count, bool put) {
-    int32_t status = ST_OK;
-    TileTable* t = checked_table(b, offset, count, &status);
-    return t ? pieces(b, t, offset, buffer, count, put, false) : status;
 }
 
 void unmap_oldest(BitmapHandle& b) {
@@ -288,6 +294,134 @@ int32_t build_tiles(BitmapHandle& b, const TileLayout& layout) {
     b.DataOffset = 0;
     b.Flags |= BF_ALLOCATED | BF_MEMORY | BF_TILED;
     set_mapped_count(b, views);
+    return ST_OK;
+}
+
+namespace {
+
+// Moves all of `count` bytes between a buffer and a tile file from offset 0.
+bool file_move(Z_FILE file, uint8_t* buffer, size_t count, bool put) {
+    if (Z_OsSeek(file, 0, 0, nullptr) != 0) return false;
+    while (count > 0) {
+        const uint32_t n = static_cast<uint32_t>(std::min<size_t>(count, size_t{1} << 30));
+        const int32_t moved = put ? Z_OsWrite(file, buffer, n, nullptr) : Z_OsRead(file, buffer, n, nullptr);
+        if (moved <= 0) return false;
+        buffer += moved;
+        count -= static_cast<size_t>(moved);
+    }
+    return true;
+}
+
+// A small array from the runtime heap, released on scope exit.
+template <typename T>
+struct HeapArray {
+    explicit HeapArray(uint32_t n) : p(static_cast<T*>(Z_Calloc(n ? n : 1, sizeof(T)))) {}
+    ~HeapArray() { Z_Free(p); }
+    HeapArray(const HeapArray&) = delete;
+    HeapArray& operator=(const HeapArray&) = delete;
+    T* p;
+};
+
+// Disk tiles [from, to) join memory. Every new mapping is made and filled
+// before any tile changes, so a failure leaves the bitmap as it was.
+int32_t grow_mem_tiles(BitmapHandle& b, TileTable* t, uint32_t to) {
+    const uint32_t from = t->MemTiles;
+    const uint32_t n = to - from;
+    HeapArray<pf::Mapping> fresh(n);
+    if (!fresh.p) return ST_NO_MEMORY;
+    TileEntry* e = t->entries();
+    int32_t r = ST_OK;
+    uint32_t made = 0;
+    for (; made < n; ++made) {
+        const uint32_t i = from + made;
+        const size_t bytes = tile_bytes(b, i);
+        fresh.p[made] = pf::map_anonymous(bytes);
+        if (!fresh.p[made]) {
+            r = ST_NO_MEMORY;
+            break;
+        }
+        auto* view = static_cast<uint8_t*>(fresh.p[made].view);
+        if (e[i].view) {
+            std::memcpy(view, e[i].view, bytes);
+        } else if (!file_move(e[i].file, view, bytes, false)) {
+            r = ST_FILE_READ;
+            ++made;
+            break;
+        }
+    }
+    if (r != ST_OK) {
+        for (uint32_t k = 0; k < made; ++k) pf::unmap(fresh.p[k]);
+        return r;
+    }
+    // Commit: no disk tile stays mapped across the change of placement.
+    set_mapped_count(b, 0);
+    for (uint32_t k = 0; k < n; ++k) {
+        const uint32_t i = from + k;
+        Z_OsClose(e[i].file, nullptr);
+        e[i].mapping = fresh.p[k].handle;
+        e[i].view = static_cast<uint8_t*>(fresh.p[k].view);
+        e[i].file = Z_INVALID_FILE;
+    }
+    t->MemTiles = to;
+    return ST_OK;
+}
+
+// Memory tiles [to, MemTiles) leave for disk. Every file is made and written
+// before any tile changes.
+int32_t shrink_mem_tiles(BitmapHandle& b, TileTable* t, uint32_t to) {
+    const uint32_t from = t->MemTiles;
+    const uint32_t n = from - to;
+    HeapArray<Z_FILE> files(n);
+    if (!files.p) return ST_NO_MEMORY;
+    TileEntry* e = t->entries();
+    int32_t r = ST_OK;
+    uint32_t made = 0;
+    for (; made < n; ++made) {
+        const uint32_t i = to + made;
+        const size_t bytes = tile_bytes(b, i);
+        files.p[made] = create_tile_file(bytes);
+        if (files.p[made] == Z_INVALID_FILE) {
+            r = ST_TEMP_FILE;
+            break;
+        }
+        if (!file_move(files.p[made], e[i].view, bytes, true)) {
+            r = ST_FILE_WRITE;
+            ++made;
+            break;
+        }
+    }
+    if (r != ST_OK) {
+        for (uint32_t k = 0; k < made; ++k) Z_OsClose(files.p[k], nullptr);
+        return r;
+    }
+    set_mapped_count(b, 0);
+    for (uint32_t k = 0; k < n; ++k) {
+        const uint32_t i = to + k;
+        pf::Mapping m;
+        m.handle = e[i].mapping;
+        m.view = e[i].view;
+        m.size = tile_bytes(b, i);
+        pf::unmap(m);
+        e[i] = TileEntry{nullptr, nullptr, files.p[k], 0};
+    }
+    t->MemTiles = to;
+    return ST_OK;
+}
+
+}  // namespace
+
+int32_t place_tiles(BitmapHandle& b, uint32_t mem_tiles, uint32_t max_mapped, uint32_t mapped) {
+    TileTable* t = tile_table(b);
+    if (!t) return ST_INVALID_BITMAP;
+    const uint32_t mem = std::min(mem_tiles, t->TileCount);
+    int32_t r = ST_OK;
+    if (mem > t->MemTiles)
+        r = grow_mem_tiles(b, t, mem);
+    else if (mem < t->MemTiles)
+        r = shrink_mem_tiles(b, t, mem);
+    if (r != ST_OK) return r;
+    t->MaxMapped = std::min(max_mapped, t->TileCount - t->MemTiles);
+    set_mapped_count(b, std::min(mapped, t->MaxMapped));
     return ST_OK;
 }
 

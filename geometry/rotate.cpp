@@ -96,7 +96,8 @@ Strip strip_of(int32_t bpp, uint32_t c, uint32_t n) {
 }
 
 bool plain_memory(const BitmapHandle& b) {
-    return has(b, BF_MEMORY) && !has(b, BF_TILED | BF_COMPRESSED | BF_SUPERCOMPRESSED);
+    const storage::KindOps* ops = storage::kind_ops(b);
+    return ops && ops->rows_stay_put;
 }
 
 // The mirrored perspectives show the stored rows reflected, so a turn of
@@ -226,9 +227,8 @@ private:
 // that no destination line is read before it is written), into a tile's
 // view where the kind maps one, else through row access (disk storage).
 struct StripSink {
-    uint8_t* base = nullptr;  // a buffer's pixels; null: ask the bitmap's kind
-    BitmapHandle* bitmap = nullptr;
-    const storage::KindOps* ops = nullptr;
+    uint8_t* base = nullptr;  // a buffer's pixels; null: ask the stream
+    rows::RowStream* out = nullptr;
     uint64_t stride = 0;
     uint32_t rows = 0;     // destination height
     bool reverse = false;  // destination row d is rows-1-d (counter-clockwise)
@@ -249,27 +249,26 @@ struct StripSink {
     }
     uint8_t* target(uint32_t d) const {
         const uint32_t row = reverse ? rows - 1 - d : d;
-        const auto at = static_cast<size_t>(row * stride) + strip.offset;
-        return base ? base + at : ops ? ops->map(*bitmap, at, strip.bytes) : nullptr;
+        if (base) return base + static_cast<size_t>(row * stride) + strip.offset;
+        return out ? out->piece(row, column, strip.bytes) : nullptr;
     }
-    void begin(uint32_t d0, uint32_t g, uint8_t** out) const {
+    void begin(uint32_t d0, uint32_t g, uint8_t** pieces) const {
         for (uint32_t a = 0; a < g; ++a) {
-            out[a] = stage + a * stage_row;
+            pieces[a] = stage + a * stage_row;
             if (partial) {  // the bits past the strip keep what they hold, where that can be read
                 const uint8_t* q = target(d0 + a);
-                out[a][strip.bytes - 1] = q ? q[strip.bytes - 1] : 0;
+                pieces[a][strip.bytes - 1] = q ? q[strip.bytes - 1] : 0;
             }
         }
     }
-    int32_t end(uint32_t d0, uint32_t g, uint8_t* const* out) const {
+    int32_t end(uint32_t d0, uint32_t g, uint8_t* const* pieces) const {
         for (uint32_t a = 0; a < g; ++a) {
             if (uint8_t* q = target(d0 + a)) {
-                platform::write_out(q, out[a], strip.bytes, stream);
+                platform::write_out(q, pieces[a], strip.bytes, stream);
                 continue;
             }
             const uint32_t row = reverse ? rows - 1 - (d0 + a) : d0 + a;
-            const int32_t put = Z_PutBitmapRowCol(bitmap, out[a], row, column, static_cast<uint32_t>(strip.bytes));
-            if (put != static_cast<int32_t>(strip.bytes)) return put < 0 ? put : ST_FILE_WRITE;
+            if (const int32_t put = out->put_piece(row, column, pieces[a], strip.bytes); put != ST_OK) return put;
         }
         return ST_OK;
     }
@@ -359,8 +358,7 @@ int32_t turn_quarter(BitmapHandle& src, bool cw, rows::Replacement& rep) {
         uint8_t* first = out.write(0);
         if (first && out.write(w - 1) == first + size_t{w - 1} * dst.BytesPerLine) sink.base = first;
     }
-    sink.bitmap = &dst;
-    sink.ops = storage::kind_ops(dst);
+    sink.out = &out;
     sink.stride = dst.BytesPerLine;
     sink.rows = w;
     sink.reverse = !cw;
@@ -502,11 +500,12 @@ public:
           side_(static_cast<uint32_t>(b.Width)),
           tile_(stored_tile(bpp_, side_)),
           per_side_((side_ / 2 + tile_ - 1) / tile_),
-          turn_(bpp_, tile_, tile_, false) {}
+          turn_(bpp_, tile_, tile_, false),
+          ops_(storage::kind_ops(b)) {}
 
     static bool applies(const BitmapHandle& b) {
-        return has(b, BF_TILED) && !has(b, BF_COMPRESSED | BF_SUPERCOMPRESSED) && b.Width == b.Height &&
-               b.Width % 16 == 0;
+        const storage::KindOps* ops = storage::kind_ops(b);
+        return ops && ops->transfer_piece && b.Width == b.Height && b.Width % 16 == 0;
     }
     int32_t init() {
         if (turn_.init() != ST_OK) return ST_NO_MEMORY;
@@ -545,8 +544,7 @@ private:
         const size_t bytes = bytes_of(r), at = strip_of(bpp_, r.col, 0).offset;
         for (uint32_t y = 0; y < r.rows; ++y, buf += bytes) {
             const size_t offset = static_cast<size_t>(uint64_t{r.row + y} * b_.BytesPerLine) + at;
-            if (const int32_t st = storage::tiled_transfer_unmapped(b_, offset, buf, bytes, put); st != ST_OK)
-                return st;
+            if (const int32_t st = ops_->transfer_piece(b_, offset, buf, bytes, put); st != ST_OK) return st;
         }
         return ST_OK;
     }
@@ -555,6 +553,7 @@ private:
     int32_t bpp_;
     uint32_t side_, tile_, per_side_;
     MemoryTurn turn_;
+    const storage::KindOps* ops_;  // one that moves pieces (applies() holds)
     Buffer held_[4], moved_;
 };
 

@@ -12,6 +12,7 @@
 #include "bitmap_handle.h"
 #include "duplicate.h"
 #include "rows/row_stream.h"
+#include "storage.h"
 #include "thread_state.h"
 
 namespace zk {
@@ -23,8 +24,8 @@ int32_t stopped(int32_t status) { return status == ST_NO_MEMORY ? ST_NO_MEMORY :
 
 // The pixels of a memory bitmap as one block, when it has one now.
 uint8_t* block_of(const BitmapHandle& b) {
-    const uint32_t indirect = BF_TILED | BF_COMPRESSED | BF_SUPERCOMPRESSED;
-    return (b.Flags & BF_MEMORY) && !(b.Flags & indirect) ? b.Data : nullptr;
+    const storage::KindOps* ops = storage::kind_ops(b);
+    return ops && ops->rows_stay_put ? b.Data : nullptr;
 }
 
 int32_t copy_data(BitmapHandle* dst, BitmapHandle* src) {

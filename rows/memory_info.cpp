@@ -3,19 +3,17 @@
 // another storage kind (or with another tile size) with its pixels copied.
 //
 // May include: include/zkernel.h, core/bitmap_handle.h, core/storage.h,
-// core/platform/platform.h, core/thread_state.h.
+// core/thread_state.h.
 #include <algorithm>
 #include <cstring>
 
 #include "bitmap_handle.h"
-#include "platform/platform.h"
 #include "storage.h"
 #include "thread_state.h"
 
 namespace zk {
 namespace {
 
-namespace pf = zk::platform;
 namespace st = zk::storage;
 
 constexpr uint32_t kUseType = 1, kUseTileSize = 2, kUseTileCount = 4, kUseMemTiles = 8, kUseMaxMapped = 16,
@@ -27,132 +25,12 @@ struct Request {
     bool has(uint32_t bit) const { return (mask & bit) != 0; }
 };
 
-// Moves all of `count` bytes between a buffer and a tile file from offset 0.
-bool file_move(Z_FILE file, uint8_t* buffer, size_t count, bool put) {
-    if (Z_OsSeek(file, 0, 0, nullptr) != 0) return false;
-    while (count > 0) {
-        const uint32_t n = static_cast<uint32_t>(std::min<size_t>(count, size_t{1} << 30));
-        const int32_t moved = put ? Z_OsWrite(file, buffer, n, nullptr) : Z_OsRead(file, buffer, n, nullptr);
-        if (moved <= 0) return false;
-        buffer += moved;
-        count -= static_cast<size_t>(moved);
-    }
-    return true;
-}
-
-// A small array from the runtime heap, released on scope exit.
-template <typename T>
-struct HeapArray {
-    explicit HeapArray(uint32_t n) : p(static_cast<T*>(Z_Calloc(n ? n : 1, sizeof(T)))) {}
-    ~HeapArray() { Z_Free(p); }
-    HeapArray(const HeapArray&) = delete;
-    HeapArray& operator=(const HeapArray&) = delete;
-    T* p;
-};
-
-// Disk tiles [from, to) join memory. Every new mapping is made and filled
-// before any tile changes, so a failure leaves the bitmap as it was.
-int32_t grow_mem_tiles(BitmapHandle& b, st::TileTable* t, uint32_t to) {
-    const uint32_t from = t->MemTiles;
-    const uint32_t n = to - from;
-    HeapArray<pf::Mapping> fresh(n);
-    if (!fresh.p) return ST_NO_MEMORY;
-    st::TileEntry* e = t->entries();
-    int32_t r = ST_OK;
-    uint32_t made = 0;
-    for (; made < n; ++made) {
-        const uint32_t i = from + made;
-        const size_t bytes = st::tile_bytes(b, i);
-        fresh.p[made] = pf::map_anonymous(bytes);
-        if (!fresh.p[made]) {
-            r = ST_NO_MEMORY;
-            break;
-        }
-        auto* view = static_cast<uint8_t*>(fresh.p[made].view);
-        if (e[i].view) {
-            std::memcpy(view, e[i].view, bytes);
-        } else if (!file_move(e[i].file, view, bytes, false)) {
-            r = ST_FILE_READ;
-            ++made;
-            break;
-        }
-    }
-    if (r != ST_OK) {
-        for (uint32_t k = 0; k < made; ++k) pf::unmap(fresh.p[k]);
-        return r;
-    }
-    // Commit: no disk tile stays mapped across the change of placement.
-    st::set_mapped_count(b, 0);
-    for (uint32_t k = 0; k < n; ++k) {
-        const uint32_t i = from + k;
-        Z_OsClose(e[i].file, nullptr);
-        e[i].mapping = fresh.p[k].handle;
-        e[i].view = static_cast<uint8_t*>(fresh.p[k].view);
-        e[i].file = Z_INVALID_FILE;
-    }
-    t->MemTiles = to;
-    return ST_OK;
-}
-
-// Memory tiles [to, MemTiles) leave for disk. Every file is made and written
-// before any tile changes.
-int32_t shrink_mem_tiles(BitmapHandle& b, st::TileTable* t, uint32_t to) {
-    const uint32_t from = t->MemTiles;
-    const uint32_t n = from - to;
-    HeapArray<Z_FILE> files(n);
-    if (!files.p) return ST_NO_MEMORY;
-    st::TileEntry* e = t->entries();
-    int32_t r = ST_OK;
-    uint32_t made = 0;
-    for (; made < n; ++made) {
-        const uint32_t i = to + made;
-        const size_t bytes = st::tile_bytes(b, i);
-        files.p[made] = st::create_tile_file(bytes);
-        if (files.p[made] == Z_INVALID_FILE) {
-            r = ST_TEMP_FILE;
-            break;
-        }
-        if (!file_move(files.p[made], e[i].view, bytes, true)) {
-            r = ST_FILE_WRITE;
-            ++made;
-            break;
-        }
-    }
-    if (r != ST_OK) {
-        for (uint32_t k = 0; k < made; ++k) Z_OsClose(files.p[k], nullptr);
-        return r;
-    }
-    st::set_mapped_count(b, 0);
-    for (uint32_t k = 0; k < n; ++k) {
-        const uint32_t i = to + k;
-        pf::Mapping m;
-        m.handle = e[i].mapping;
-        m.view = e[i].view;
-        m.size = st::tile_bytes(b, i);
-        pf::unmap(m);
-        e[i] = st::TileEntry{nullptr, nullptr, files.p[k], 0};
-    }
-    t->MemTiles = to;
-    return ST_OK;
-}
-
 int32_t change_in_place(BitmapHandle& b, const Request& q) {
-    st::TileTable* t = st::tile_table(b);
+    const st::TileTable* t = st::tile_table(b);
     if (!t) return ST_INVALID_BITMAP;
-    const uint32_t mapped_before = t->MappedCount;
-    uint32_t mem = q.has(kUseMemTiles) ? std::min(q.mem_tiles, t->TileCount) : t->MemTiles;
-    int32_t r = ST_OK;
-    if (mem > t->MemTiles)
-        r = grow_mem_tiles(b, t, mem);
-    else if (mem < t->MemTiles)
-        r = shrink_mem_tiles(b, t, mem);
-    if (r != ST_OK) return r;
-    const uint32_t room = t->TileCount - t->MemTiles;
-    if (q.has(kUseMaxMapped)) t->MaxMapped = std::min(q.max_mapped, room);
-    t->MaxMapped = std::min(t->MaxMapped, room);
-    const uint32_t target = std::min(q.has(kUseMappedCount) ? q.mapped_count : mapped_before, t->MaxMapped);
-    st::set_mapped_count(b, target);
-    return ST_OK;
+    return st::place_tiles(b, q.has(kUseMemTiles) ? q.mem_tiles : t->MemTiles,
+                           q.has(kUseMaxMapped) ? q.max_mapped : t->MaxMapped,
+                           q.has(kUseMappedCount) ? q.mapped_count : t->MappedCount);
 }
 
 // Rows per tile for a rebuild into tiles: from the tile size, else from the

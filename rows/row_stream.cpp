@@ -19,10 +19,22 @@ RowStream::~RowStream() {
 }
 
 uint8_t* RowStream::direct(uint32_t index) {
-    if (b_.Flags & (BF_COMPRESSED | BF_SUPERCOMPRESSED)) return nullptr;
     const storage::KindOps* ops = storage::kind_ops(b_);
-    if (!ops) return nullptr;
+    if (!ops || !ops->addressable) return nullptr;
     return ops->map(b_, static_cast<size_t>(uint64_t{index} * bpl_), bpl_);
+}
+
+uint8_t* RowStream::piece(uint32_t index, uint32_t column, size_t bytes) {
+    const storage::KindOps* ops = storage::kind_ops(b_);
+    const uint64_t offset = column_offset(b_.BitsPerPixel, column);
+    if (!ops || !ops->addressable || offset > bpl_ || bytes > bpl_ - offset) return nullptr;
+    return ops->map(b_, static_cast<size_t>(uint64_t{index} * bpl_ + offset), bytes);
+}
+
+int32_t RowStream::put_piece(uint32_t index, uint32_t column, const uint8_t* data, size_t bytes) {
+    const int32_t put = Z_PutBitmapRowCol(&b_, data, index, column, static_cast<uint32_t>(bytes));
+    if (put != static_cast<int32_t>(bytes)) status_ = put < 0 ? put : ST_FILE_WRITE;
+    return status_;
 }
 
 uint8_t* RowStream::scratch() {
@@ -64,8 +76,8 @@ uint8_t* RowStream::write(uint32_t index, bool fill) {
 }
 
 bool RowStream::rows_stay_put() const {
-    return (b_.Flags & BF_MEMORY) && !(b_.Flags & (BF_TILED | BF_COMPRESSED | BF_SUPERCOMPRESSED)) &&
-           storage::kind_ops(b_) != nullptr;
+    const storage::KindOps* ops = storage::kind_ops(b_);
+    return ops && ops->rows_stay_put;
 }
 
 int32_t RowStream::commit() {

@@ -41,6 +41,14 @@ public:
     uint8_t* write(uint32_t index, bool fill = false);
     // Stores the row last given by write() when it was a scratch row.
     int32_t commit();
+    // Pieces of rows (`bytes` bytes of row `index` from the byte that holds
+    // pixel `column`), for operations that fill many rows a piece at a
+    // time: the storage itself where the kind can address it, else null,
+    // and then put_piece stores the piece through row access (a kind that
+    // keeps rows in its own form re-encodes the row each time). put_piece
+    // returns ST_OK or the status.
+    uint8_t* piece(uint32_t index, uint32_t column, size_t bytes);
+    int32_t put_piece(uint32_t index, uint32_t column, const uint8_t* data, size_t bytes);
     // True when every row is addressed in place and its pointer stays valid
     // for the stream's life (memory kinds other than tiled), so that several
     // rows can be worked on at once.

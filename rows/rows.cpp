@@ -1,7 +1,7 @@
 // Row access in every storage kind: whole rows, rows from a column on, and
 // row segments. Rows are addressed by their stored index and moved as bytes
-// in the bitmap's own format; the storage kind is reached through
-// zk::storage::KindOps, the compressed kinds through their row stores.
+// in the bitmap's own format; every storage kind is reached through
+// zk::storage::KindOps.
 //
 // May include: include/zkernel.h, core/bitmap_handle.h, core/storage.h.
 #include <cstring>
@@ -40,24 +40,21 @@ int32_t check_record(const BitmapHandle* b, const void* buffer) {
     return ST_OK;
 }
 
-const st::RowStore* compressed_store(const BitmapHandle& b) {
-    if (b.Flags & BF_COMPRESSED) return st::row_store(BF_COMPRESSED);
-    return st::row_store(BF_SUPERCOMPRESSED);
+// The result of row access on a record whose kind has no operations: a
+// compressed kind that is not built refuses, a record without storage
+// reports no memory (its cursor still moves to the row).
+int32_t no_storage(BitmapHandle& b, uint32_t row) {
+    const st::StorageKind kind = st::kind_of(b);
+    if (kind == st::StorageKind::RunLength || kind == st::StorageKind::SecondForm) return ST_BAD_PARAM;
+    seek_row(b, row);
+    return ST_NO_MEMORY;
 }
 
 int32_t transfer(BitmapHandle* b, uint8_t* buffer, uint32_t row, uint32_t column, uint32_t bytes, bool put) {
     if (int32_t s = check_record(b, buffer); s != ST_OK) return s;
     if (bytes > INT32_MAX) return ST_BAD_PARAM;
-    if ((b->Flags & BF_COMPRESSED) || ((b->Flags & BF_SUPERCOMPRESSED) && !(b->Flags & BF_TILED))) {
-        const st::RowStore* store = compressed_store(*b);
-        if (!store) return ST_BAD_PARAM;
-        return put ? store->put_row(*b, buffer, row, column, bytes) : store->get_row(*b, buffer, row, column, bytes);
-    }
     const st::KindOps* ops = st::kind_ops(*b);
-    if (!ops) {
-        seek_row(*b, row);
-        return ST_NO_MEMORY;
-    }
+    if (!ops) return no_storage(*b, row);
     // A row whose offset does not fit size_t (32-bit targets) lies outside
     // every bitmap; it must not wrap onto a row that exists.
     if (uint64_t{b->BytesPerLine} * row > SIZE_MAX) return ST_BAD_PARAM;
@@ -117,16 +114,8 @@ int32_t put_segments(BitmapHandle* b, const uint8_t* buffer, uint32_t row, uint3
                      uint32_t count) {
     if (!b || !buffer || !segments) return ST_BAD_PARAM;
     if (b->StructSize != zk::kStructSize) return ST_BAD_STRUCT_SIZE;
-    if ((b->Flags & BF_COMPRESSED) || ((b->Flags & BF_SUPERCOMPRESSED) && !(b->Flags & BF_TILED))) {
-        const st::RowStore* store = compressed_store(*b);
-        if (!store) return ST_BAD_PARAM;
-        return store->put_segments(*b, buffer, row, x_offset, segments, count);
-    }
     const st::KindOps* ops = st::kind_ops(*b);
-    if (!ops) {
-        seek_row(*b, row);
-        return ST_NO_MEMORY;
-    }
+    if (!ops) return no_storage(*b, row);
     if (uint64_t{b->BytesPerLine} * row > SIZE_MAX) return ST_BAD_PARAM;
     const size_t row_start = row_offset(*b, *ops, row);
     const uint64_t bpp = b->BitsPerPixel > 0 ? static_cast<uint64_t>(b->BitsPerPixel) : 8;
