@@ -919,6 +919,55 @@ Z_EXPORT int32_t Z_API Z_PutBitmapRowSegments(BitmapHandle* bitmap, const uint8_
                                               uint32_t xOffset, const uint32_t* segments, uint32_t count);
 
 /* ---------------------------------------------------------------------------
+ * Run-length rows (1 bit per pixel)
+ * ------------------------------------------------------------------------- */
+/* A run-length row is a uint32_t count N followed by N uint16_t run words
+ * (host byte order, no alignment): the lengths in pixels of alternating runs
+ * of 0-pixels and 1-pixels, the first a 0-run (0 when the row starts with a
+ * 1-pixel). A run longer than 65535 is split into words of at most 65535
+ * with a 0 word (an empty run of the other colour) between them. Rows of an
+ * image follow one another directly, each 4 + 2N bytes long. Packed rows are
+ * 1 bit per pixel, most significant bit first, a set bit being a 1-pixel; a
+ * packed image's rows are ((width + 31) >> 3) & ~3 bytes apart. A row of
+ * `width` pixels compresses to at most 4 + 2 * (width + 1) bytes. The caller
+ * sizes every buffer; nothing is checked against a capacity, and source and
+ * destination must not overlap. */
+/* Expands `count` pixels of the run-length row `runs`, from pixel `first` of
+ * the row on, into buffer's (count + 7) / 8 bytes, which are cleared first
+ * (so bits past the count in the last byte are 0). Reads none of the row's
+ * words past its count; pixels past the row's last run stay 0. Returns
+ * ST_OK; ST_BAD_PARAM for a null row or buffer. */
+Z_EXPORT int32_t Z_API Z_ExpandRow(const uint8_t* runs, uint8_t* buffer, uint32_t first, uint32_t count);
+/* Expands `rows` consecutive run-length rows from `runs` into the packed
+ * image `image`, each row whole: `width` pixels into (width + 7) / 8 bytes of
+ * its packed row (the padding bytes after them are left as they were).
+ * Returns ST_OK, also for 0 rows (nothing is touched); ST_BAD_PARAM for a
+ * null pointer. */
+Z_EXPORT int32_t Z_API Z_ExpandRows(const uint8_t* runs, uint8_t* image, uint32_t width, uint32_t rows);
+/* Compresses `count` pixels of buffer starting at bit `bitOffset` of its
+ * first byte (only the low three bits of bitOffset count) into the
+ * run-length row `runs`. Reads (bitOffset % 8 + count + 7) / 8 bytes and
+ * never modifies buffer. Returns the pixel count; ST_BAD_PARAM for a null
+ * pointer or a count above 2^31 - 1. */
+Z_EXPORT int32_t Z_API Z_CompressRow(uint8_t* runs, const uint8_t* buffer, uint32_t bitOffset, uint32_t count);
+/* Compresses the `rows` packed rows of `image`, `width` pixels each, into
+ * consecutive run-length rows at `runs`. Returns ST_OK, also for 0 rows
+ * (nothing is touched); ST_BAD_PARAM for a null pointer or a width above
+ * 2^31 - 1. */
+Z_EXPORT int32_t Z_API Z_CompressRows(uint8_t* runs, const uint8_t* image, uint32_t width, uint32_t rows);
+/* Writes each of `rows` consecutive run-length rows of `source` with its
+ * pixels in reverse order to `dest`, the rows in their order. A mirrored row
+ * is at most 2 bytes longer than its source: the leading 0 word of a row that
+ * starts with a 1-pixel is dropped, and one is added when the row ends with
+ * a 1-run (its count is even). Returns ST_OK (also for 0 rows); ST_BAD_PARAM
+ * for a null pointer. */
+Z_EXPORT int32_t Z_API Z_MirrorCompressedBuffer(const uint8_t* source, uint8_t* dest, uint32_t rows);
+/* Writes the `rows` consecutive run-length rows of `source` to `dest` in
+ * reverse order, each row unchanged: dest takes as many bytes as source.
+ * Returns ST_OK (also for 0 rows); ST_BAD_PARAM for a null pointer. */
+Z_EXPORT int32_t Z_API Z_FlipCompressedBuffer(const uint8_t* source, uint8_t* dest, uint32_t rows);
+
+/* ---------------------------------------------------------------------------
  * Buffer conversion (in place; the buffer holds the larger row)
  * ------------------------------------------------------------------------- */
 /* Converts width pixels (>= 1) in buffer in place from srcBits in srcOrder to
