@@ -1,0 +1,211 @@
+// Run-length row speed: a synthetic 300 dpi A4 text page (2480 x 3508
+// pixels at 1 bit, white margins, lines of letter-sized blobs made of short
+// horizontal and vertical strokes, about 5 % black) and a page of random
+// bits, compressed with Z_CompressRows and expanded with Z_ExpandRows, one
+// whole page per iteration; the text page's run-length rows reversed with
+// Z_FlipCompressedBuffer. Beside them a memcpy of the packed page and one of
+// the compressed text page in the same program.
+//
+// The figures are gigabytes of packed page per second (median of the
+// repetitions; the flip in bytes of run-length rows), and the text page's
+// run-length size as a share of its packed size. The processor and the
+// kernel tier (ZK_CPU_TIER caps it) are printed with them.
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <string>
+
+#include "bench_support.h"
+#include "core/platform/cpu.h"
+#include "core/run_length.h"
+#include "zkernel.h"
+
+namespace {
+
+constexpr uint32_t kWidth = 2480, kHeight = 3508;
+constexpr size_t kStride = (kWidth + 31) / 32 * 4;
+constexpr size_t kPacked = kStride * kHeight;
+
+// A packed page, room for its run-length rows, and a second buffer of each
+// for results.
+struct Page {
+    zkbench::BufferPair packed{kPacked, kPacked};
+    zkbench::BufferPair runs{kHeight * zk::rle::compressed_size_bound(kWidth),
+                             kHeight* zk::rle::compressed_size_bound(kWidth)};
+    size_t run_bytes = 0;
+    double black = 0;
+
+    explicit Page(bool text) {
+        std::memset(packed.first(), 0, kPacked);
+        if (text)
+            draw_text();
+        else
+            fill_noise();
+        size_t ones = 0;
+        for (uint32_t y = 0; y < kHeight; ++y)
+            for (size_t i = 0; i < kWidth / 8; ++i)
+                ones += static_cast<size_t>(__builtin_popcount(packed.first()[y * kStride + i]));
+        black = static_cast<double>(ones) / (double{kWidth} * kHeight);
+        std::memcpy(packed.second(), packed.first(), kPacked);  // the padding expansion leaves
+        if (Z_CompressRows(runs.first(), packed.first(), kWidth, kHeight) != ST_OK) std::abort();
+        const uint8_t* r = runs.first();
+        for (uint32_t y = 0; y < kHeight; ++y) r += zk::rle::row_bytes(r);
+        run_bytes = static_cast<size_t>(r - runs.first());
+    }
+
+    void box(uint32_t x, uint32_t y, uint32_t w, uint32_t h) {
+        for (uint32_t j = y; j < y + h && j < kHeight; ++j)
+            for (uint32_t i = x; i < x + w && i < kWidth; ++i)
+                packed.first()[j * kStride + i / 8] |= static_cast<uint8_t>(0x80 >> i % 8);
+    }
+
+    // 10-point text: lines 54 pixels apart inside margins of an inch (300
+    // pixels), letters 16-26 pixels wide with an x-height of 20, made of
+    // stems and bars 3-4 pixels thick, some with an ascender or a descender;
+    // words of 2-9 letters; paragraphs of 8 lines with an indented first and
+    // a short last line, a blank line between them.
+    void draw_text() {
+        std::mt19937 rng(2024);
+        auto pick = [&rng](uint32_t lo, uint32_t hi) { return lo + rng() % (hi - lo + 1); };
+        const uint32_t left = 300, right = kWidth - 300;
+        for (uint32_t line = 0, base = 330; base + 30 < kHeight - 300; base += 54, ++line) {
+            if (line % 9 == 8) continue;
+            const uint32_t end = line % 9 == 7 ? pick(left + 300, right) : right;
+            for (uint32_t x = left + (line % 9 == 0 ? 80 : 0); x + 26 < end;) {
+                const uint32_t letters = pick(2, 9);
+                for (uint32_t l = 0; l < letters && x + 26 < end; ++l) {
+                    const uint32_t w = pick(16, 26), t = 3 + (rng() % 4 == 0), top = base - 20;
+                    const uint32_t shape = rng() % 6;
+                    box(x, shape == 4 ? base - 30 : top, t, shape == 4 ? 30 : 20);     // stem, or ascender
+                    if (shape != 1) box(x + w - t - 2, top, t, shape == 5 ? 28 : 20);  // stem, or descender
+                    if (shape % 2 == 0) box(x, top, w - 2, t);                         // top bar
+                    if (shape == 2 || shape == 3) box(x, base - t, w - 2, t);          // bottom bar
+                    if (shape == 3) box(x, top + 9, w - 2, t);                         // middle bar
+                    x += w + pick(3, 5);
+                }
+                x += pick(12, 20);
+            }
+        }
+    }
+
+    void fill_noise() {
+        std::mt19937 rng(99);
+        for (uint32_t y = 0; y < kHeight; ++y)
+            for (size_t i = 0; i < kWidth / 8; ++i) packed.first()[y * kStride + i] = static_cast<uint8_t>(rng());
+    }
+};
+
+Page& text_page() {
+    static Page page(true);
+    return page;
+}
+
+Page& noise_page() {
+    static Page page(false);
+    return page;
+}
+
+Page& page(int64_t which) { return which == 0 ? text_page() : noise_page(); }
+const char* page_name(int64_t which) { return which == 0 ? "text" : "noise"; }
+
+void BM_MemcpyPacked(benchmark::State& state) {
+    Page& p = text_page();
+    for (auto _ : state) {
+        std::memcpy(p.packed.second(), p.packed.first(), kPacked);
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kPacked));
+}
+
+void BM_MemcpyRuns(benchmark::State& state) {
+    Page& p = text_page();
+    for (auto _ : state) {
+        std::memcpy(p.runs.second(), p.runs.first(), p.run_bytes);
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * p.run_bytes));
+}
+
+void BM_Compress(benchmark::State& state, int64_t which) {
+    Page& p = page(which);
+    for (auto _ : state) {
+        if (Z_CompressRows(p.runs.second(), p.packed.first(), kWidth, kHeight) != ST_OK) state.SkipWithError("failed");
+        benchmark::ClobberMemory();
+    }
+    if (std::memcmp(p.runs.second(), p.runs.first(), p.run_bytes) != 0) state.SkipWithError("rows differ");
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kPacked));
+}
+
+void BM_Expand(benchmark::State& state, int64_t which) {
+    Page& p = page(which);
+    for (auto _ : state) {
+        if (Z_ExpandRows(p.runs.first(), p.packed.second(), kWidth, kHeight) != ST_OK) state.SkipWithError("failed");
+        benchmark::ClobberMemory();
+    }
+    if (std::memcmp(p.packed.second(), p.packed.first(), kPacked) != 0) state.SkipWithError("pixels differ");
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kPacked));
+}
+
+void BM_Flip(benchmark::State& state) {
+    Page& p = text_page();
+    for (auto _ : state) {
+        if (Z_FlipCompressedBuffer(p.runs.first(), p.runs.second(), kHeight) != ST_OK) state.SkipWithError("failed");
+        benchmark::ClobberMemory();
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * p.run_bytes));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    using zkbench::repeated;
+    repeated(benchmark::RegisterBenchmark("memcpy_packed_page", BM_MemcpyPacked))->Unit(benchmark::kMicrosecond);
+    for (int64_t which : {0, 1}) {
+        const std::string name = page_name(which);
+        repeated(benchmark::RegisterBenchmark(("compress/" + name).c_str(), BM_Compress, which))
+            ->Unit(benchmark::kMicrosecond);
+        repeated(benchmark::RegisterBenchmark(("expand/" + name).c_str(), BM_Expand, which))
+            ->Unit(benchmark::kMicrosecond);
+    }
+    repeated(benchmark::RegisterBenchmark("memcpy_text_runs", BM_MemcpyRuns))->Unit(benchmark::kMicrosecond);
+    repeated(benchmark::RegisterBenchmark("flip/text", BM_Flip))->Unit(benchmark::kMicrosecond);
+    zkbench::add_context();
+    benchmark::Initialize(&argc, argv);
+    benchmark::AddCustomContext("kernel tier", zk::platform::cpu_tier_name(zk::platform::cpu_tier()));
+    zkbench::RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+
+    std::printf("\n%u x %u 1-bit page (%zu packed bytes), %s kernels, processor supports %s, %s:\n", kWidth, kHeight,
+                kPacked, zk::platform::cpu_tier_name(zk::platform::cpu_tier()),
+                zk::platform::cpu_tier_name(zk::platform::cpu_tier_supported()), zkbench::processor_model().c_str());
+    for (int64_t which : {0, 1})
+        std::printf("  %-5s page: %.2f %% black, run-length rows %zu bytes = %.1f %% of packed\n", page_name(which),
+                    100 * page(which).black, page(which).run_bytes, 100.0 * page(which).run_bytes / kPacked);
+    auto line = [&](const char* label, const std::string& key, size_t bytes) {
+        if (const auto* t = reporter.find(key))
+            std::printf("  %-34s %7.3f ms, %6.2f GB/s (%.2f-%.2f), by processor time %.2f\n", label, t->median * 1e3,
+                        bytes / t->median / 1e9, bytes / t->max / 1e9, bytes / t->min / 1e9,
+                        t->cpu_median > 0 ? bytes / t->cpu_median / 1e9 : 0.0);
+    };
+    line("memcpy of the packed page", "memcpy_packed_page", kPacked);
+    for (int64_t which : {0, 1})
+        for (const char* op : {"compress", "expand"}) {
+            const std::string key = std::string(op) + "/" + page_name(which);
+            line(key.c_str(), key, kPacked);
+        }
+    line("memcpy of the text page's runs", "memcpy_text_runs", text_page().run_bytes);
+    line("flip/text (bytes of runs)", "flip/text", text_page().run_bytes);
+    std::printf("\nRatios to a copy of the same bytes:\n");
+    for (int64_t which : {0, 1})
+        for (const char* op : {"compress", "expand"}) {
+            const std::string key = std::string(op) + "/" + page_name(which);
+            reporter.print_ratio(key, key, "memcpy_packed_page");
+        }
+    reporter.print_ratio("flip/text", "flip/text", "memcpy_text_runs");
+    benchmark::Shutdown();
+    return 0;
+}
