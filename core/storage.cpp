@@ -9,6 +9,7 @@
 #include "bitmap_handle.h"
 #include "overlays.h"
 #include "platform/platform.h"
+#include "run_length_store.h"
 #include "thread_state.h"
 
 namespace pf = zk::platform;
@@ -106,10 +107,10 @@ void disk_release(BitmapHandle& b) {
     b.Flags &= ~BF_DISK;
 }
 
-const KindOps kMemoryOps = {StorageKind::Memory, true,       true,           true,          memory_fetch,
-                            memory_store,        memory_map, memory_release, resize_memory, nullptr};
-const KindOps kDiskOps = {StorageKind::Disk, true,     false,        false,       disk_fetch,
-                          disk_store,        disk_map, disk_release, resize_disk, nullptr};
+const KindOps kMemoryOps = {StorageKind::Memory, true,           true,          true,    memory_fetch, memory_store,
+                            memory_map,          memory_release, resize_memory, nullptr, nullptr,      nullptr};
+const KindOps kDiskOps = {StorageKind::Disk, true,         false,       false,   disk_fetch, disk_store,
+                          disk_map,          disk_release, resize_disk, nullptr, nullptr,    nullptr};
 
 // Per kind (in StorageKind order): what the memory report says, and the
 // allocation type of a duplicate.
@@ -292,7 +293,7 @@ uint32_t memory_type(StorageKind kind) { return kKindTypes[static_cast<int>(kind
 uint32_t duplicate_type(StorageKind kind) { return kKindTypes[static_cast<int>(kind)].duplicate; }
 
 const KindOps* kind_ops(const BitmapHandle& b) {
-    constexpr const KindOps* kOps[] = {nullptr, &kMemoryOps, &kTiledOps, &kDiskOps, nullptr, nullptr};
+    static const KindOps* const kOps[] = {nullptr, &kMemoryOps, &kTiledOps, &kDiskOps, &run_length_ops(), nullptr};
     return kOps[static_cast<int>(kind_of(b))];
 }
 
@@ -403,8 +404,11 @@ int32_t allocate(BitmapHandle& b, uint32_t type) {
         b.DataOffset = 0;
         b.Flags |= BF_ALLOCATED | BF_MEMORY | BF_USER_DATA;
         return ST_OK;
-    } else if (type == kTypeRunLength || type == kTypeSecondForm || type == kTypeSecondFormConv) {
-        status = ST_BAD_PARAM;  // the compressed stores are not built
+    } else if (type == kTypeRunLength) {
+        status = allocate_run_length(b);
+        if (status == ST_OK) b.Flags |= BF_ALLOCATED | BF_MEMORY | BF_COMPRESSED;
+    } else if (type == kTypeSecondForm || type == kTypeSecondFormConv) {
+        status = ST_BAD_PARAM;  // the second compressed form is not built
     } else {
         status = allocate_memory(b, type);
     }
@@ -527,6 +531,11 @@ extern "C" int32_t Z_API Z_GetBitmapMemoryInfo(BitmapHandle* bitmap, uint32_t* m
     if (bitmap->StructSize != kStructSize) return ST_BAD_STRUCT_SIZE;
     if (!memoryType) return ST_BAD_PARAM;
     *memoryType = zk::storage::memory_type(zk::storage::kind_of(*bitmap));
+    if (*memoryType == TYPE_COMPRESSED) {
+        const zk::storage::HeapUse heap = zk::storage::heap_use(*bitmap);
+        if (tileSize) *tileSize = static_cast<uint32_t>(heap.reserved);
+        if (tileCount) *tileCount = static_cast<uint32_t>(heap.live);
+    }
     if (const zk::storage::TileTable* t = zk::storage::tile_table(*bitmap)) {
         if (tileSize) *tileSize = t->RowsPerTile * bitmap->BytesPerLine;
         if (tileCount) *tileCount = t->TileCount;

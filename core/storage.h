@@ -7,7 +7,7 @@
 //   caller memory BF_MEMORY | BF_USER_DATA
 //   tiled         BF_MEMORY | BF_TILED   Data is the TileTable
 //   disk          BF_DISK                DataHandle is a delete-on-close temporary file
-//   run-length    BF_COMPRESSED          1-bit rows kept as runs
+//   run-length    BF_MEMORY | BF_COMPRESSED  1-bit rows kept as runs (run_length_store.h)
 //   second form   BF_SUPERCOMPRESSED     not built: refused at allocation
 //
 // Row access, copying and rotation reach the bytes of every kind through
@@ -170,6 +170,12 @@ struct KindOps {
     // the kind has no cheaper way than fetch and store; the kinds that have
     // one can also turn a square in place by rectangles.
     int32_t (*transfer_piece)(BitmapHandle& bitmap, size_t offset, uint8_t* buffer, size_t count, bool put);
+    // Where the kind keeps rows in a form of its own: rows a and b change
+    // places without their pixels being moved, and a row's pixels are put in
+    // reverse order in that form. ST_OK or a status (the rows as they were).
+    // Null: the rows are moved and mirrored as packed rows.
+    int32_t (*exchange_rows)(BitmapHandle& bitmap, uint32_t a, uint32_t b);
+    int32_t (*mirror_row)(BitmapHandle& bitmap, uint32_t row);
 };
 
 // The resize operation of each kind (change_height.cpp).
@@ -178,7 +184,7 @@ int32_t resize_tiled(BitmapHandle& bitmap, int32_t height, size_t size);
 int32_t resize_disk(BitmapHandle& bitmap, int32_t height, size_t size);
 
 // The operations of the bitmap's kind; null for a record without storage
-// and for the compressed kinds until their stores are built.
+// and for the second compressed form, which is not built.
 const KindOps* kind_ops(const BitmapHandle& bitmap);
 
 // Bytes of pixel data the kind can reach from offset 0 (Size for memory and

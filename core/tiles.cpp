@@ -176,8 +176,9 @@ int32_t tiled_transfer_unmapped(BitmapHandle& b, size_t offset, uint8_t* buffer,
 }  // namespace
 
 extern const KindOps kTiledOps;
-const KindOps kTiledOps = {StorageKind::Tiled, false,     true,          false,        tiled_fetch,
-                           tiled_store,        tiled_map, tiled_release, resize_tiled, tiled_transfer_unmapped};
+const KindOps kTiledOps = {
+    StorageKind::Tiled,      false,   true,   false, tiled_fetch, tiled_store, tiled_map, tiled_release, resize_tiled,
+    tiled_transfer_unmapped, nullptr, nullptr};
 
 TileTable* tile_table(const BitmapHandle& b) {
     if (kind_of(b) != StorageKind::Tiled) return nullptr;

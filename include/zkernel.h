@@ -504,8 +504,9 @@ Z_EXPORT int32_t Z_API Z_GetMemoryThresholds(int32_t* reserve, int32_t* maxConv,
  * (memory of any non-tiled kind), TYPE_TILED, TYPE_DISK, TYPE_COMPRESSED or
  * TYPE_SUPERCOMPRESSED. For tiled storage the other non-null outputs get the
  * bytes of one tile, the tile count, the tiles kept in memory, the most disk
- * tiles mapped at once and the disk tiles mapped now; for other kinds they
- * are left as they are. ST_OK; ST_INVALID_BITMAP (null record or no
+ * tiles mapped at once and the disk tiles mapped now; for run-length storage
+ * (TYPE_COMPRESSED) tileSize gets the bytes its heap reserves and tileCount
+ * the bytes its rows take; for other kinds they are left as they are. ST_OK; ST_INVALID_BITMAP (null record or no
  * storage), ST_BAD_STRUCT_SIZE, ST_BAD_PARAM (null memoryType). */
 Z_EXPORT int32_t Z_API Z_GetBitmapMemoryInfo(BitmapHandle* bitmap, uint32_t* memoryType, uint32_t* tileSize,
                                              uint32_t* tileCount, uint32_t* memTiles, uint32_t* maxMapped,
@@ -593,12 +594,51 @@ Z_EXPORT int32_t Z_API Z_CopyBitmapRect2(BitmapHandle* dst, BitmapHandle* src, i
 Z_EXPORT int32_t Z_API Z_TrimBitmap(BitmapHandle* bitmap, int32_t left, int32_t top, int32_t width, int32_t height);
 /* Changes an allocated bitmap's Height in place to height rows (>= 1): rows
  * below the new height are dropped, added rows are zero; conventional, global,
- * disk and tiled storage. Size follows and the row cursor is reset.
- * ST_OK (also for the same height); ST_INVALID_BITMAP (null record, no
+ * disk, tiled and run-length storage. Size follows and the row cursor is
+ * reset. ST_OK (also for the same height); ST_INVALID_BITMAP (null record, no
  * storage), ST_BAD_STRUCT_SIZE, ST_BAD_PARAM (height < 1, caller memory, a
- * locked or compressed bitmap), ST_TOO_LARGE, ST_NO_MEMORY, ST_TEMP_FILE; on
+ * locked bitmap), ST_TOO_LARGE, ST_NO_MEMORY, ST_TEMP_FILE; on
  * failure the bitmap keeps its height and rows. */
 Z_EXPORT int32_t Z_API Z_ChangeBitmapHeight(BitmapHandle* bitmap, int32_t height);
+
+/* Run-length storage (Z_AllocateBitmap with TYPE_COMPRESSED at 1 bit per
+ * pixel): each row is kept as its runs (the form of Z_CompressRow) in a heap
+ * that grows in 256 KiB steps; row access expands and compresses rows. */
+/* Copies row `row` of a 1-bit bitmap as runs (a 32-bit count N, then N
+ * 16-bit run lengths, 0-run first) into buffer, which holds `bytes` bytes:
+ * the stored runs of run-length storage, the row compressed here for any
+ * other kind. Returns the bytes written (4 + 2N); ST_BAD_PARAM (null
+ * pointer, or the runs need more than `bytes`), ST_BAD_STRUCT_SIZE,
+ * ST_INVALID_BITMAP (no storage), ST_BAD_BPP (not 1 bit), ST_BAD_POSITION
+ * (no such row), ST_NO_MEMORY or a row-access status. */
+Z_EXPORT int32_t Z_API Z_GetBitmapRowCompressed(BitmapHandle* bitmap, uint8_t* buffer, uint32_t row, uint32_t bytes);
+/* Replaces row `row` of a 1-bit bitmap by the runs at `runs`, of which at
+ * most `bytes` bytes are read; the runs must add up to exactly Width pixels.
+ * Run-length storage keeps them as they are; other kinds get the pixels
+ * (the padding after them is kept). Returns the bytes of the runs used;
+ * ST_BAD_PARAM (null pointer; runs past `bytes`, short of or past Width:
+ * the row is unchanged), ST_BAD_STRUCT_SIZE, ST_INVALID_BITMAP, ST_BAD_BPP,
+ * ST_BAD_POSITION, ST_NO_MEMORY (the heap could not grow: the row is
+ * unchanged) or a row-access status. */
+Z_EXPORT int32_t Z_API Z_PutBitmapRowCompressed(BitmapHandle* bitmap, const uint8_t* runs, uint32_t row,
+                                                uint32_t bytes);
+/* Moves a 1-bit bitmap into run-length storage (compressed not 0) or out of
+ * it into packed storage chosen by the thresholds, as
+ * Z_SetBitmapMemoryInfo does; nothing to do is ST_OK. ST_INVALID_BITMAP,
+ * ST_BAD_STRUCT_SIZE, ST_BAD_BPP (not 1 bit), or the failure of the move,
+ * which leaves the bitmap as it was. */
+Z_EXPORT int32_t Z_API Z_ChangeBitmapCompression(BitmapHandle* bitmap, int32_t compressed);
+/* Z_ChangeBitmapCompression to the other of packed and run-length storage. */
+Z_EXPORT int32_t Z_API Z_ToggleBitmapCompression(BitmapHandle* bitmap);
+/* Grows the heap of a run-length bitmap so that at least `bytes` more bytes
+ * of rows fit without growing again (whole 256 KiB steps). ST_OK;
+ * ST_INVALID_BITMAP (null), ST_BAD_STRUCT_SIZE, ST_BAD_PARAM (not run-length
+ * storage), ST_NO_MEMORY (the heap is as it was). */
+Z_EXPORT int32_t Z_API Z_GrowBitmapHeap(BitmapHandle* bitmap, uint32_t bytes);
+/* Moves the rows of a run-length bitmap together and gives back the heap
+ * space rewritten and dropped rows left, keeping whole 256 KiB steps.
+ * Results as Z_GrowBitmapHeap. */
+Z_EXPORT int32_t Z_API Z_TrimBitmapHeap(BitmapHandle* bitmap);
 /* Bytes a buffer needs to hold one row before and after a conversion in
  * place: the largest padded row (multiple of 4 bytes) of width pixels at
  * bitsPerPixel and of width2 pixels at bitsPerPixel and at bitsPerPixel2

@@ -7,8 +7,8 @@ namespace copytest {
 
 using zktest::Kind;
 // The kinds but mixed tiles: the tiles on disk keep one view.
-constexpr Kind kAllKinds[] = {Kind::Conventional, Kind::Global,    Kind::Caller,
-                              Kind::TiledMemory,  Kind::TiledDisk, Kind::Disk};
+constexpr Kind kAllKinds[] = {Kind::Conventional, Kind::Global, Kind::Caller,   Kind::TiledMemory,
+                              Kind::TiledDisk,    Kind::Disk,   Kind::RunLength};
 inline const char* name(Kind k) { return zktest::kind_name(k); }
 
 // A zero-filled bitmap of the kind: tiles of two rows, global storage

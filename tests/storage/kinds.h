@@ -11,7 +11,7 @@
 
 namespace zktest {
 
-enum class Kind { Conventional, Global, Caller, TiledMemory, TiledDisk, TiledMixed, Disk };
+enum class Kind { Conventional, Global, Caller, TiledMemory, TiledDisk, TiledMixed, Disk, RunLength };
 
 inline const char* kind_name(Kind k) {
     switch (k) {
@@ -22,12 +22,15 @@ inline const char* kind_name(Kind k) {
         case Kind::TiledDisk: return "tiled-disk";
         case Kind::TiledMixed: return "tiled-mixed";
         case Kind::Disk: return "disk";
+        case Kind::RunLength: return "run-length";
     }
     return "?";
 }
 
+// Run-length storage holds 1-bit rows only: at other depths make_bitmap
+// gives conventional storage for it (what TYPE_COMPRESSED asks for there).
 constexpr Kind kAllKinds[] = {Kind::Conventional, Kind::Global,     Kind::Caller, Kind::TiledMemory,
-                              Kind::TiledDisk,    Kind::TiledMixed, Kind::Disk};
+                              Kind::TiledDisk,    Kind::TiledMixed, Kind::Disk,   Kind::RunLength};
 
 // Saves the thread's thresholds and memory figures and puts them back.
 class ThresholdGuard {
@@ -78,6 +81,7 @@ inline void make_bitmap(Kind kind, int32_t width, int32_t height, int32_t bpp, B
             ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_TILED), ST_OK);
             break;
         case Kind::Disk: ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_DISK), ST_OK); break;
+        case Kind::RunLength: ASSERT_EQ(Z_AllocateBitmap(&b, TYPE_COMPRESSED | TYPE_CONV), ST_OK); break;
     }
 }
 
