@@ -11,6 +11,7 @@
 #include "mirror.h"
 #include "region.h"
 #include "rows/row_stream.h"
+#include "storage.h"
 #include "thread_state.h"
 
 namespace zk::geometry {
@@ -140,8 +141,9 @@ private:
 
     int32_t failed() const { return stream_->status() != ST_OK ? stream_->status() : ST_FILE_WRITE; }
 
-    // Mirrors one row in place.
+    // Mirrors one row in place (in the kind's own form where it has one).
     int32_t transform_row(uint32_t row) {
+        if (ops_ && ops_->mirror_row) return ops_->mirror_row(bitmap_, row);
         uint8_t* p = stream_->write(row, true);
         if (!p) return failed();
         transform(p);
@@ -154,6 +156,7 @@ private:
     // row pointer is held at a time: the top row goes into the buffer
     // first. On failure both rows are as they were.
     int32_t exchange(uint32_t top, uint32_t bottom) {
+        if (ops_ && ops_->exchange_rows) return exchange_entries(top, bottom);
         if (stream_->rows_stay_put()) {  // both rows at once, each byte read and written once
             uint8_t* t = stream_->write(top);
             uint8_t* q = t ? stream_->write(bottom) : nullptr;
@@ -189,7 +192,23 @@ private:
         return r;
     }
 
+    // Rows that change places without moving their pixels (each then
+    // mirrored in its own form for a half turn); on failure both rows are
+    // as they were.
+    int32_t exchange_entries(uint32_t top, uint32_t bottom) {
+        if (const int32_t r = ops_->exchange_rows(bitmap_, top, bottom); r != ST_OK) return r;
+        if (op_ == RowOp::Flip) return ST_OK;
+        int32_t r = transform_row(top);
+        if (r == ST_OK) {
+            if ((r = transform_row(bottom)) == ST_OK) return ST_OK;
+            transform_row(top);
+        }
+        ops_->exchange_rows(bitmap_, top, bottom);
+        return r;
+    }
+
     BitmapHandle& bitmap_;
+    const storage::KindOps* ops_ = storage::kind_ops(bitmap_);
     std::optional<rows::RowStream> stream_;  // the one open stream over the bitmap
     RowOp op_;
     uint32_t width_;

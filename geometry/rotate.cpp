@@ -14,6 +14,8 @@
 #include "geometry/rotate.h"
 #include "region.h"
 #include "rows/row_stream.h"
+#include "run_length.h"
+#include "run_length_store.h"
 #include "storage.h"
 #include "thread_state.h"
 
@@ -386,6 +388,61 @@ int32_t turn_quarter(BitmapHandle& src, bool cw, rows::Replacement& rep) {
     return ST_OK;
 }
 
+// Expanded bytes a quarter turn of run-length rows holds at once: up to
+// this the whole image is expanded once; above it the columns are taken a
+// group at a time from the runs of every row.
+constexpr uint64_t kRunTurnBytes = 18000000;
+std::atomic<uint64_t> g_run_turn_bytes{kRunTurnBytes};
+
+// Quarter turn of a bitmap whose rows can be read as runs into the result
+// of `rep`: a group of source columns expanded from every row's runs, turned
+// in memory 64 columns at a time, and each result row stored (compressed)
+// once.
+int32_t turn_runs(BitmapHandle& src, bool cw, rows::Replacement& rep) {
+    const uint32_t w = static_cast<uint32_t>(src.Width);
+    const uint32_t h = static_cast<uint32_t>(src.Height);
+    int32_t r = rep.build_like(src, src.Height, src.Width, 1);
+    if (r != ST_OK) return r;
+    BitmapHandle& dst = rep.result();
+    const uint64_t group_bytes = std::max<uint64_t>(1, g_run_turn_bytes.load() / h);  // bytes of one row's group
+    const uint32_t group = static_cast<uint32_t>(std::min<uint64_t>(w, group_bytes * 8));
+    const size_t stride = (size_t{group} + 7) / 8;
+    constexpr uint32_t kTurned = 64;  // result rows made at once
+    Buffer block, turned;
+    if (!block.alloc(uint64_t{stride} * h, false) || !turned.alloc(uint64_t{kTurned} * dst.BytesPerLine, true))
+        return ST_NO_MEMORY;
+    MemoryTurn turn(1, kTurned, h, false);
+    if ((r = turn.init()) != ST_OK) return r;
+    rows::RowStream out(dst);
+    Progress progress(w);
+    if ((r = progress.start()) != ST_OK) return r;
+    for (uint32_t c0 = 0; c0 < w; c0 += group) {
+        const uint32_t n = std::min(group, w - c0);
+        for (uint32_t y = 0; y < h; ++y) {
+            size_t bytes = 0;
+            const uint8_t* runs = storage::stored_row(src, y, &bytes);
+            if (!runs || rle::expand_row_checked(runs, bytes, w, c0, n, block.as<uint8_t>() + y * stride) != ST_OK)
+                return ST_INVALID_BITMAP;
+        }
+        for (uint32_t k = 0; k < n; k += kTurned) {
+            const uint32_t m = std::min(kTurned, n - k);
+            turn.run(block.as<uint8_t>() + k / 8, stride, m, h, turned.as<uint8_t>(), dst.BytesPerLine, cw);
+            for (uint32_t j = 0; j < m; ++j) {
+                // Column c becomes row c turning clockwise, row w-1-c the
+                // other way, where the block's turn puts it last-first.
+                const uint32_t c = c0 + k + j;
+                const uint8_t* row = turned.as<uint8_t>() + size_t{cw ? j : m - 1 - j} * dst.BytesPerLine;
+                uint8_t* to = out.write(cw ? c : w - 1 - c);
+                if (!to) return out.status();
+                std::memcpy(to, row, dst.BytesPerLine);
+                if ((r = out.commit()) != ST_OK) return r;
+                if ((r = progress.step()) != ST_OK) return r;
+            }
+        }
+    }
+    return ST_OK;
+}
+
 // A rectangle of a square image: first column and row, columns and rows.
 struct Rect {
     uint32_t col, row, cols, rows;
@@ -638,7 +695,8 @@ int32_t rotate_quarter(BitmapHandle& b, bool clockwise) {
     if (TiledSquareTurn::applies(b)) return rotate_square_tiled(b, clockwise, cw);
     const int32_t old_w = b.Width, old_h = b.Height;
     rows::Replacement rep;
-    int32_t r = turn_quarter(b, cw, rep);
+    size_t runs = 0;
+    int32_t r = storage::stored_row(b, 0, &runs) ? turn_runs(b, cw, rep) : turn_quarter(b, cw, rep);
     if (r != ST_OK) return r;
     r = region::rotated(&rep.result(), old_w, old_h, clockwise ? 9000 : -9000);
     if (r != ST_OK) return r;
@@ -674,6 +732,7 @@ int32_t check_buffer(const void* src, const void* dst, int32_t width, int32_t he
 
 void set_stream_band_for_testing(uint64_t bytes) { g_stream_band = bytes ? bytes : kStreamBand; }
 void set_square_tile_for_testing(uint32_t pixels) { g_square_tile = pixels; }
+void set_run_turn_bytes_for_testing(uint64_t bytes) { g_run_turn_bytes = bytes ? bytes : kRunTurnBytes; }
 void set_stream_results_for_testing(uint64_t bytes) { g_stream_bytes = bytes ? bytes : kStreamBytes; }
 
 }  // namespace zk::rotate

@@ -82,4 +82,9 @@ void set_square_tile_for_testing(uint32_t pixels);
 // that path too.
 void set_stream_results_for_testing(uint64_t bytes);
 
+// Test only: the expanded bytes a quarter turn of run-length rows holds at
+// once (0 restores the default), so that small images take many column
+// groups.
+void set_run_turn_bytes_for_testing(uint64_t bytes);
+
 }  // namespace zk::rotate

@@ -318,8 +318,12 @@ TEST(RotateBuffer, Refusals) {
 // ---------------------------------------------------------------------------
 class RotateBitmap : public ::testing::Test {
 protected:
-    void SetUp() override { zk::rotate::set_stream_band_for_testing(64); }  // bands of a few rows
+    void SetUp() override {  // bands of a few rows, run-length columns in groups of 8
+        zk::rotate::set_stream_band_for_testing(64);
+        zk::rotate::set_run_turn_bytes_for_testing(1);
+    }
     void TearDown() override {
+        zk::rotate::set_run_turn_bytes_for_testing(0);
         zk::rotate::set_stream_band_for_testing(0);
         zk::rotate::set_stream_results_for_testing(0);
         zk::rotate::set_square_tile_for_testing(0);
