@@ -67,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint32_t most = bpp == 1 ? 1100 : bpp == 8 ? 200 : 80;
     const int32_t width = int32_t(in.take(2) % most) + 1;
     const int32_t height = in.take(1) % 2 ? width : int32_t(in.take(2) % most) + 1;  // squares often
-    const uint32_t kind = in.take(1) % 4;  // conventional, memory tiles, disk tiles, disk
+    const uint32_t kind = in.take(1) % 5;  // conventional, memory tiles, disk tiles, disk, runs
     zkfuzz::PrivateTempDir& temp = zkfuzz::PrivateTempDir::get();
 
     BitmapHandle b;

@@ -345,7 +345,7 @@ constexpr uint32_t kFlagBits[] = {CRF_FIXED_PALETTE,
 void color_res_case(Reader& in) {
     const int32_t bpp = kDepths[in.take(1) % 14];
     const int32_t width = 1 + int32_t(in.take(1) % 40), height = 1 + int32_t(in.take(1) % 24);
-    const uint32_t kind = in.take(1) % 4;  // conventional, memory tiles, disk tiles, disk
+    const uint32_t kind = in.take(1) % 5;  // conventional, memory tiles, disk tiles, disk, runs
     const uint32_t mode = in.take(1) % 3;  // no destination, another record, in place
     const uint32_t target_choice = in.take(1);
     const int32_t target = target_choice < 240 ? kDepths[target_choice % 14] : kNotDepths[target_choice % 5];

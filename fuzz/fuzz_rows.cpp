@@ -28,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const int32_t bpp = kDepths[in.take(1) % 14];
     const int32_t width = static_cast<int32_t>(in.take(1) % 70) + 1;
     const int32_t height = static_cast<int32_t>(in.take(1) % 40) + 1;
-    const uint32_t kind = in.take(1) % 4;  // conventional, memory tiles, disk tiles, disk
+    const uint32_t kind = in.take(1) % 5;  // conventional, memory tiles, disk tiles, disk, runs
     zkfuzz::PrivateTempDir& temp = zkfuzz::PrivateTempDir::get();
 
     BitmapHandle b;
@@ -47,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint32_t line = b.BytesPerLine;
     std::vector<uint8_t> row(line), back(line);
     while (in.n) {
-        const uint32_t op = in.take(1) % 6;
+        const uint32_t op = in.take(1) % 8;
         const uint32_t at = in.take(1) % (static_cast<uint32_t>(height) + 4);
         const uint32_t column = in.take(1) % (static_cast<uint32_t>(width) + 8);
         const uint32_t bytes = in.take(2) % (3 * line + 8);
@@ -68,13 +68,34 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 got = Z_PutBitmapRowSegments(&b, whole.data(), at, column % 9, segments, count);
                 break;
             }
+            case 5:
+                // Runs of any shape in a buffer of exactly their stated size.
+                got = Z_PutBitmapRowCompressed(&b, buffer.data(), at, bytes);
+                check(got < 0 || bpp == 1);
+                continue;
+            case 6: {
+                got = Z_GetBitmapRowCompressed(&b, buffer.data(), at, bytes);
+                if (got < 0) continue;
+                // What comes out goes back in, and the row reads the same.
+                check(bpp == 1 && static_cast<uint32_t>(got) <= bytes);
+                check(Z_GetBitmapRow(&b, row.data(), at, line) == static_cast<int32_t>(line));
+                check(Z_PutBitmapRowCompressed(&b, buffer.data(), at, static_cast<uint32_t>(got)) == got);
+                check(Z_GetBitmapRow(&b, back.data(), at, line) == static_cast<int32_t>(line));
+                check(row == back);
+                continue;
+            }
             default: {
-                // A whole row in range reads back as written.
+                // A whole row in range reads back as written: every bit of
+                // it, but the bits past the last pixel of run-length rows.
                 const uint32_t target = at % static_cast<uint32_t>(height);
                 for (uint32_t i = 0; i < line; ++i) row[i] = static_cast<uint8_t>(in.take(1));
                 check(Z_PutBitmapRow(&b, row.data(), target, line) == static_cast<int32_t>(line));
                 check(Z_GetBitmapRow(&b, back.data(), target, line) == static_cast<int32_t>(line));
-                check(row == back);
+                if (b.Flags & BF_COMPRESSED)
+                    for (uint32_t x = 0; x < static_cast<uint32_t>(width); ++x)
+                        check(((row[x / 8] ^ back[x / 8]) & (0x80 >> (x % 8))) == 0);
+                else
+                    check(row == back);
                 continue;
             }
         }

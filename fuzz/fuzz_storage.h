@@ -155,14 +155,18 @@ private:
     int32_t v_[5] = {};
 };
 
-// Allocates the described bitmap in one of four kinds: 0 conventional,
+// Allocates the described bitmap in one of five kinds: 0 conventional,
 // 1 tiles of `memory_tile` bytes all in memory, 2 tiles of `disk_tile`
-// bytes all on disk with one mapped at a time, 3 a disk file. The
+// bytes all on disk with one mapped at a time, 3 a disk file, 4 run-length
+// rows (conventional storage at depths other than 1). The
 // thresholds that choose the kind stay set (results built later take them
 // too); a SavedThresholds put in place before puts them back.
 inline int32_t allocate_kind(BitmapHandle& b, uint32_t kind, int32_t memory_tile, int32_t disk_tile) {
     Z_SetMemoryThresholds(0, 0x7FFFFFFF, kind == 2 ? disk_tile : memory_tile, kind == 2 ? 0 : -100, 1, 0x1F);
-    const uint32_t type = kind == 0 ? TYPE_CONV : kind == 3 ? TYPE_DISK : TYPE_TILED;
+    const uint32_t type = kind == 0   ? TYPE_CONV
+                          : kind == 3 ? TYPE_DISK
+                          : kind == 4 ? TYPE_COMPRESSED | TYPE_CONV
+                                      : TYPE_TILED;
     return Z_AllocateBitmap(&b, type);
 }
 
