@@ -167,13 +167,14 @@ TEST(PerspectiveChange, AllPairsKeepThePictureAtDepths1_4_8_24) {
     }
 }
 
-// The same in the storage kinds that are not addressed directly.
-TEST(PerspectiveChange, InPlaceInTiledAndDiskStorage) {
+// The same in the storage kinds that are not addressed directly (run-length
+// rows at 1 bit).
+TEST(PerspectiveChange, InPlaceInTiledDiskAndRunLengthStorage) {
     zktest::PrivateTempDir temp;
-    for (Kind kind : {Kind::Global, Kind::TiledDisk, Kind::Disk}) {
+    for (Kind kind : {Kind::Global, Kind::TiledDisk, Kind::Disk, Kind::RunLength}) {
         for (uint32_t to = 1; to <= 8; ++to) {
             SCOPED_TRACE(::testing::Message() << copytest::name(kind) << " 2 -> " << to);
-            BitmapHandle b = make(kind, 9, 7, 12, to, VP_TOP_RIGHT);
+            BitmapHandle b = make(kind, 9, 7, kind == Kind::RunLength ? 1 : 12, to, VP_TOP_RIGHT);
             const Image shown = displayed(read_image(b), VP_TOP_RIGHT);
             ASSERT_EQ(Z_ChangeBitmapViewPerspective(&b, &b, kSize, static_cast<int32_t>(to)), ST_OK);
             EXPECT_EQ(displayed(read_image(b), to), shown);
