@@ -1355,6 +1355,30 @@ Z_EXPORT int32_t Z_API Z_ColorResBitmapListExt(BitmapList list, int32_t bitsPerP
  * levels are not defined without the table), ST_NO_MEMORY or a storage
  * status. */
 Z_EXPORT int32_t Z_API Z_GrayScaleBitmap(BitmapHandle* bitmap, int32_t bitsPerPixel);
+/* Extracts the alpha of src into *dst (an uninitialised record, structSize
+ * Z_BITMAPHANDLE_SIZE): a new bitmap of src's width, height and perspective,
+ * 8 bits with the 256-level gray ramp (16 bits CO_GRAY for a 64-bit src),
+ * on disk when src is, else in memory by the thresholds; free it with
+ * Z_FreeBitmap. Alpha is byte 3 of a 32-bit pixel, word 3 of a 64-bit pixel,
+ * 255 or 0 by bit 15 of a 5-5-5 pixel; other pixels (16-bit gray included)
+ * give 0. ST_OK; ST_BAD_PARAM (null record, src without storage),
+ * ST_BAD_STRUCT_SIZE, ST_SIGNED_DATA, ST_NO_MEMORY, or a storage status; on
+ * failure dst holds nothing. */
+Z_EXPORT int32_t Z_API Z_GetBitmapAlpha(BitmapHandle* src, BitmapHandle* dst, uint32_t structSize);
+/* Writes alpha (a gray bitmap: 1, 8 or 16 bits) into the alpha of bitmap.
+ * A bitmap whose pixels have no alpha is first converted to 32 bits (64
+ * from 48), blue first unless it is CO_RGB colour, alpha 0. The alpha is
+ * used as it stands when its depth suits the pixels (1 or 8 bits for 5-5-5,
+ * 8 for 32, 16 for 64), it is an ordered gray ramp and lies in the bitmap's
+ * perspective; otherwise a copy is turned to the bitmap's perspective and
+ * to gray levels (Z_GrayScaleBitmap) first, so an inverted ramp gives the
+ * alpha it shows. 5-5-5 pixels get bit 15 where the alpha is at least 128
+ * (or its 1-bit pixel is set). Pixels past the alpha's width or height keep
+ * their alpha. The result replaces the bitmap only when complete: on every
+ * failure the bitmap is as it was. ST_OK; ST_BAD_PARAM (null record or
+ * without storage), ST_BAD_STRUCT_SIZE, ST_SIGNED_DATA (signed bitmap),
+ * ST_NO_MEMORY, or a conversion or storage status. */
+Z_EXPORT int32_t Z_API Z_SetBitmapAlpha(BitmapHandle* bitmap, BitmapHandle* alpha);
 
 /* ---------------------------------------------------------------------------
  * Bitmap lists

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Checks that calls between the library's folders run one way, downward:
 #
-#   core/platform < core < rows < color < reduce, geometry < collections
+#   core/platform < core < rows < color < reduce, geometry < collections, compose
 #
 # For every object file of the library it lists the symbols the object uses
 # and finds the folder that defines each; a use of a symbol defined in a
@@ -18,7 +18,7 @@ layer() {
     rows) echo 2 ;;
     color) echo 3 ;;
     reduce | geometry) echo 4 ;;
-    collections) echo 5 ;;
+    collections | compose) echo 5 ;;
     *) echo 99 ;;
   esac
 }
