@@ -96,8 +96,11 @@ public:
             int32_t r = step(k);
             if (r == ST_OK && progress) r = progress->step();
             if (r != ST_OK) {
-                // Row exchanges before k are done; exchange k is done only
-                // when it was the callback that stopped the work.
+                // A stop by the callback keeps the rows exchanged or
+                // mirrored so far (a half turn, which must be whole or
+                // nothing, puts them back); a failure puts back the steps
+                // before k, step k having left its rows as they were.
+                if (step_done_ && op_ != RowOp::HalfTurn) return r;
                 undo(step_done_ ? k + 1 : k);
                 return r;
             }

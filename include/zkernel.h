@@ -1581,8 +1581,10 @@ Z_EXPORT int32_t Z_API Z_RotateBitmap(BitmapHandle* bitmap, int32_t angle, uint3
  * callback. ST_OK; ST_BAD_PARAM (null record or no storage),
  * ST_BAD_STRUCT_SIZE (record or overlay table), ST_INVALID_BITMAP (sizes that
  * do not hold the pixels), ST_NO_MEMORY, row-access failures, a hook's or the
- * callback's result. On failure the bitmap, its pixels and its overlays are
- * as they were. */
+ * callback's result. On a failure (storage, memory, a refusing hook) the
+ * bitmap, its pixels and its overlays are as they were; a stop by the
+ * status callback returns its result with the rows exchanged so far left
+ * exchanged (the perspective and the overlays unchanged). */
 Z_EXPORT int32_t Z_API Z_FlipBitmap(BitmapHandle* bitmap);
 /* Mirrors the displayed image left-to-right by moving pixels: every stored
  * row is mirrored (the stored row order is reversed instead for the
@@ -1590,7 +1592,8 @@ Z_EXPORT int32_t Z_API Z_FlipBitmap(BitmapHandle* bitmap);
  * row-order reversal). Overlays taking part move to left = displayed width -
  * overlay Width - left and are mirrored too. ST_OK; ST_BAD_PARAM (null
  * record), ST_BAD_STRUCT_SIZE, ST_INVALID_BITMAP (no storage), and the other
- * failures of Z_FlipBitmap, again leaving everything as it was. */
+ * failures of Z_FlipBitmap, again leaving everything as it was; a stop by
+ * the status callback keeps the rows mirrored so far. */
 Z_EXPORT int32_t Z_API Z_ReverseBitmap(BitmapHandle* bitmap);
 /* Flips the displayed image by changing only ViewPerspective (1<->4, 2<->3,
  * 5<->8, 6<->7); a value outside 1-8 is left as it is. ST_OK; ST_BAD_PARAM

@@ -353,7 +353,8 @@ TEST(FlipBitmap, Refusals) {
 
 // Progress: 0 first, then each new whole percentage over Height / 2 pair
 // steps (flip) or Height row steps (mirror). A stop returns the callback's
-// result and leaves the pixels as they were; a single row is no step.
+// result and keeps the steps done before it (each case here reports after
+// every step, so a stop at call s follows s steps); a single row is no step.
 TEST(FlipBitmap, ProgressAndStop) {
     struct Case {
         bool flip;
@@ -379,8 +380,16 @@ TEST(FlipBitmap, ProgressAndStop) {
             }
             if (stop < c.percents.size()) {
                 EXPECT_EQ(r, -99);
-                EXPECT_EQ(copytest::pixels(b), bytes);
                 EXPECT_EQ(calls.percents.size(), stop + 1);
+                const Image all = c.flip ? flipped(im) : mirrored(im);
+                Image want = im;
+                for (int y = 0; y < c.h; ++y)
+                    if (y < int(stop) || (c.flip && y >= c.h - int(stop)))
+                        for (int x = 0; x < im.w; ++x) want.at(x, y) = all.at(x, y);
+                EXPECT_EQ(read_image(b), want) << "stopped at call " << stop;
+                if (stop == 0) {
+                    EXPECT_EQ(copytest::pixels(b), bytes);
+                }
             } else {
                 EXPECT_EQ(r, ST_OK);
                 EXPECT_EQ(calls.percents, c.percents);
