@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and runs every test: the 64-bit library under AddressSanitizer and
-# UndefinedBehaviorSanitizer, then the 32-bit (-m32) library.
+# UndefinedBehaviorSanitizer, the thread stress test under ThreadSanitizer,
+# the fuzz targets briefly, then the 32-bit (-m32) library.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh test
@@ -10,6 +11,11 @@ echo "== 64-bit, sanitizers =="
 cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZK_SANITIZE=ON -DZK_BUILD_BENCH=ON >/dev/null
 cmake --build build/asan -j "$jobs"
 (cd build/asan && ASAN_OPTIONS=detect_leaks=1 ctest -j "$jobs" --output-on-failure --timeout 600)
+
+echo "== threads, ThreadSanitizer =="
+cmake -S . -B build/tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZK_SANITIZE_THREAD=ON >/dev/null
+cmake --build build/tsan -j "$jobs" --target test_threads
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" ZK_TEST_TMP="$PWD/build/tsan/tmp" build/tsan/tests/test_threads
 
 if command -v clang++ >/dev/null; then
   echo "== fuzz targets, a short run each (clang, libFuzzer) =="
