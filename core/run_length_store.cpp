@@ -98,8 +98,7 @@ int32_t room_for(RunStore& s, size_t bytes) {
     return grow(s, bytes);
 }
 
-// Whether a span of `count` bytes at `offset`, when the span lies
-// within the rows.
+// Whether the span of `count` bytes at `offset` lies within the rows.
 bool span_ok(const BitmapHandle& b, const RunStore& s, size_t offset, size_t count) {
     const uint64_t total = uint64_t{s.rows} * b.BytesPerLine;
     return b.BytesPerLine != 0 && offset <= total && count <= total - offset;
