@@ -13,7 +13,7 @@
 #include "zk.h"
 
 namespace zk_tool {
-extern const Command kDemo, kInfo, kConvert, kFlip, kMirror, kRotate, kOrient, kResize, kGray, kRle;
+extern const Command kDemo, kInfo, kConvert, kFlip, kMirror, kRotate, kOrient, kResize, kGray, kRle, kAlpha;
 }
 
 namespace {
@@ -21,7 +21,7 @@ namespace {
 using namespace zk_tool;
 
 const Command* const kCommands[] = {
-    &kDemo, &kInfo, &kConvert, &kFlip, &kMirror, &kRotate, &kOrient, &kResize, &kGray, &kRle,
+    &kDemo, &kInfo, &kConvert, &kFlip, &kMirror, &kRotate, &kOrient, &kResize, &kGray, &kRle, &kAlpha,
 };
 
 const OptionSpec kGlobalOptions[] = {

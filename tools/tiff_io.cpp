@@ -33,7 +33,9 @@ public:
     explicit TiffReader(const std::string& path) : path_(path) {
         install_handlers();
         tiff_message.clear();
-        tif_ = TIFFOpen(path.c_str(), "r");
+        // "m": read with read(2), not a mapping of the whole file, whose
+        // pages would count in the resident set of a large image.
+        tif_ = TIFFOpen(path.c_str(), "rm");
         if (!tif_) fail("its header");
         try {
             describe_file();
