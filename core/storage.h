@@ -86,6 +86,19 @@ Z_FILE create_tile_file(uint64_t bytes);
 // ST_INVALID_BITMAP when it is not tiled.
 int32_t place_tiles(BitmapHandle& bitmap, uint32_t mem_tiles, uint32_t max_mapped, uint32_t mapped);
 
+// Moves `rows` rows of `bytes` bytes, the first at byte `offset` of a tiled
+// bitmap's pixels and the others BytesPerLine apart (the rows of a
+// rectangle), from or to `buffer`, where they follow one another. A disk
+// tile that is not mapped is reached through its file without being mapped,
+// one positional read or write per row. ST_OK, ST_BAD_PARAM (a row running
+// past the end of its image row, or outside the pixels), ST_INVALID_BITMAP,
+// ST_FILE_READ or ST_FILE_WRITE; on a failure the other tiles' rows are
+// still moved.
+int32_t transfer_tile_rows(BitmapHandle& bitmap, size_t offset, size_t bytes, uint32_t rows, uint8_t* buffer, bool put);
+
+// Advises the system that the same rows of the disk tiles will be read soon.
+void will_read_tile_rows(BitmapHandle& bitmap, size_t offset, size_t bytes, uint32_t rows);
+
 // Tile geometry and placement for build_tiles.
 struct TileLayout {
     uint32_t rows_per_tile;  // >= 1

@@ -16,7 +16,7 @@ namespace zk::storage {
 
 namespace {
 
-// Largest count handed to one Z_OsRead / Z_OsWrite call.
+// Largest count handed to one positional read or write.
 constexpr size_t kFileChunk = size_t{1} << 30;
 
 pf::Mapping mapping_of(const TileEntry& e, size_t bytes) {
@@ -51,13 +51,15 @@ void destroy_table(TileTable* t, const BitmapHandle& b, uint32_t built) {
 // Moves `count` bytes between `buffer` and the tile file at `offset` with the
 // library's own routines: ST_OK or why not (row access through the kind's
 // fetch and store does not report it: it returns the requested count).
+// Positional: one system call per chunk, the file position untouched.
 int32_t file_transfer(Z_FILE file, uint64_t offset, uint8_t* buffer, size_t count, bool put) {
-    if (Z_OsSeek(file, static_cast<int64_t>(offset), 0, nullptr) != static_cast<int64_t>(offset)) return ST_FILE_SEEK;
     while (count > 0) {
-        const uint32_t n = static_cast<uint32_t>(std::min(count, kFileChunk));
-        const int32_t moved = put ? Z_OsWrite(file, buffer, n, nullptr) : Z_OsRead(file, buffer, n, nullptr);
+        const size_t n = std::min(count, kFileChunk);
+        const int64_t moved =
+            put ? pf::file_write_at(file, buffer, n, offset) : pf::file_read_at(file, buffer, n, offset);
         if (moved <= 0) return put ? ST_FILE_WRITE : ST_FILE_READ;
         buffer += moved;
+        offset += static_cast<uint64_t>(moved);
         count -= static_cast<size_t>(moved);
     }
     return ST_OK;
@@ -166,14 +168,83 @@ void tiled_release(BitmapHandle& b) {
 // mapped through their files instead of mapping them: for many short pieces
 // spread over the image, which through views would map a tile and fault in
 // its pages again every few rows. ST_OK, ST_BAD_PARAM (outside the pixels),
-// ST_FILE_SEEK, ST_FILE_READ or ST_FILE_WRITE.
+// ST_FILE_READ or ST_FILE_WRITE.
 int32_t tiled_transfer_unmapped(BitmapHandle& b, size_t offset, uint8_t* buffer, size_t count, bool put) {
     int32_t status = ST_OK;
     TileTable* t = checked_table(b, offset, count, &status);
     return t ? pieces(b, t, offset, buffer, count, put, false) : status;
 }
 
+// Rows that a rectangle has in one tile: `count` rows of `bytes` bytes,
+// `stride` bytes apart from byte `start` of the tile.
+struct TileRows {
+    size_t start, stride, bytes;
+    uint32_t count;
+    size_t span() const { return (count - 1) * stride + bytes; }
+};
+
+// Moves the rows of a rectangle in one tile from or to `buffer`: through
+// the tile's view when it has one, else through its file, one positional
+// read per row, or one positional write per row with the file's limits
+// asked once.
+int32_t tile_rows(TileEntry& e, const TileRows& r, uint8_t* buffer, bool put) {
+    if (e.view) {
+        for (uint32_t k = 0; k < r.count; ++k, buffer += r.bytes) {
+            uint8_t* at = e.view + r.start + k * r.stride;
+            put ? std::memcpy(at, buffer, r.bytes) : std::memcpy(buffer, at, r.bytes);
+        }
+        return ST_OK;
+    }
+    if (e.file == Z_INVALID_FILE) return ST_INVALID_BITMAP;
+    if (put) return pf::file_write_pieces(e.file, r.start, r.stride, r.bytes, r.count, buffer) ? ST_OK : ST_FILE_WRITE;
+    int32_t status = ST_OK;
+    for (uint32_t k = 0; k < r.count; ++k, buffer += r.bytes)
+        if (const int32_t st = file_transfer(e.file, r.start + k * r.stride, buffer, r.bytes, false);
+            st != ST_OK && status == ST_OK)
+            status = st;
+    return status;
+}
+
+// Calls fn(entry, rows) for the rows a rectangle has in each tile, first
+// tile first; ST_OK or the first failure (the other tiles are still done).
+template <typename Fn>
+int32_t each_tile(BitmapHandle& b, size_t offset, size_t bytes, uint32_t rows, Fn fn) {
+    const size_t stride = b.BytesPerLine;
+    if (rows == 0 || bytes == 0) return ST_OK;
+    if (stride == 0 || offset % stride + bytes > stride) return ST_BAD_PARAM;
+    int32_t status = ST_OK;
+    TileTable* t = checked_table(b, offset, size_t{rows - 1} * stride + bytes, &status);
+    if (!t) return status;
+    uint64_t row = offset / stride;
+    const size_t at = offset % stride;
+    while (rows > 0) {
+        const uint32_t index = static_cast<uint32_t>(row / t->RowsPerTile);
+        const uint32_t first = static_cast<uint32_t>(row % t->RowsPerTile);
+        const uint32_t n = std::min(rows, t->RowsPerTile - first);
+        const TileRows r{first * stride + at, stride, bytes, n};
+        if (const int32_t st = fn(t->entries()[index], r); st != ST_OK && status == ST_OK) status = st;
+        rows -= n;
+        row += n;
+    }
+    return status;
+}
+
 }  // namespace
+
+int32_t transfer_tile_rows(BitmapHandle& b, size_t offset, size_t bytes, uint32_t rows, uint8_t* buffer, bool put) {
+    return each_tile(b, offset, bytes, rows, [&](TileEntry& e, const TileRows& r) {
+        const int32_t st = tile_rows(e, r, buffer, put);
+        buffer += r.count * r.bytes;
+        return st;
+    });
+}
+
+void will_read_tile_rows(BitmapHandle& b, size_t offset, size_t bytes, uint32_t rows) {
+    each_tile(b, offset, bytes, rows, [](TileEntry& e, const TileRows& r) {
+        if (!e.view && e.file != Z_INVALID_FILE) pf::file_will_read(e.file, r.start, r.span());
+        return ST_OK;
+    });
+}
 
 extern const KindOps kTiledOps;
 const KindOps kTiledOps = {

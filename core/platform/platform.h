@@ -68,6 +68,20 @@ std::int64_t file_read(FileHandle file, void* buffer, std::size_t count);
 std::int64_t file_write(FileHandle file, const void* buffer, std::size_t count);
 // origin 0 start, 1 current, 2 end. New position, or -1.
 std::int64_t file_seek(FileHandle file, std::int64_t offset, int origin);
+// Moves `count` bytes at `offset` without using or changing the file
+// position: all of them, or -1 (a read that meets the end of the file moves
+// fewer). A write is cut at the process's file-size limit like file_write.
+std::int64_t file_read_at(FileHandle file, void* buffer, std::size_t count, std::uint64_t offset);
+std::int64_t file_write_at(FileHandle file, const void* buffer, std::size_t count, std::uint64_t offset);
+// Writes `pieces` pieces of `piece` bytes that follow one another in
+// `buffer` to the file, `stride` bytes apart from `offset`, one positional
+// write each (the file-size limit asked once). False when any piece could
+// not be written whole (the others are still written).
+bool file_write_pieces(FileHandle file, std::uint64_t offset, std::size_t stride, std::size_t piece, std::size_t pieces,
+                       const void* buffer);
+// Advises the system that `count` bytes at `offset` will be read soon
+// (read-ahead). Only advice: nothing is reported.
+void file_will_read(FileHandle file, std::uint64_t offset, std::uint64_t count);
 // Sets the file's length. Growth past the process's file-size limit fails
 // (false) instead of raising the limit's signal.
 bool file_set_size(FileHandle file, std::uint64_t size);

@@ -256,6 +256,60 @@ std::int64_t file_write(FileHandle file, const void* buffer, std::size_t count) 
                     [](int fd, const unsigned char* p, std::size_t n) { return ::write(fd, p, n); });
 }
 
+std::int64_t file_read_at(FileHandle file, void* buffer, std::size_t count, std::uint64_t offset) {
+    if (offset > static_cast<std::uint64_t>(INT64_MAX)) return -1;
+    auto* base = static_cast<unsigned char*>(buffer);
+    return move_all(file, base, count, [offset, base](int fd, unsigned char* p, std::size_t n) {
+        return ::pread(fd, p, n, static_cast<off_t>(offset + static_cast<std::uint64_t>(p - base)));
+    });
+}
+
+std::int64_t file_write_at(FileHandle file, const void* buffer, std::size_t count, std::uint64_t offset) {
+    if (offset > static_cast<std::uint64_t>(INT64_MAX)) return -1;
+    const std::uint64_t limit = file_size_limit();
+    if (limit != UINT64_MAX && count > 0) {
+        if (offset >= limit) return -1;
+        if (count > limit - offset) count = static_cast<std::size_t>(limit - offset);
+    }
+    const auto* base = static_cast<const unsigned char*>(buffer);
+    return move_all(file, base, count, [offset, base](int fd, const unsigned char* p, std::size_t n) {
+        return ::pwrite(fd, p, n, static_cast<off_t>(offset + static_cast<std::uint64_t>(p - base)));
+    });
+}
+
+bool file_write_pieces(FileHandle file, std::uint64_t offset, std::size_t stride, std::size_t piece, std::size_t pieces,
+                       const void* buffer) {
+    if (file < 0) return false;
+    if (should_fail(FaultKind::File)) return false;
+    if (pieces == 0) return true;
+    const std::uint64_t last = offset + std::uint64_t{pieces - 1} * stride;
+    if (last < offset || last > static_cast<std::uint64_t>(INT64_MAX) - piece || !below_size_limit(last + piece))
+        return false;
+    const auto* in = static_cast<const unsigned char*>(buffer);
+    bool whole = true;
+    for (std::size_t k = 0; k < pieces; ++k, in += piece, offset += stride) {
+        std::size_t done = 0;
+        while (done < piece) {
+            const ssize_t n =
+                ::pwrite(static_cast<int>(file), in + done, piece - done, static_cast<off_t>(offset + done));
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            done += static_cast<std::size_t>(n);
+        }
+        whole = whole && done == piece;
+    }
+    return whole;
+}
+
+void file_will_read([[maybe_unused]] FileHandle file, [[maybe_unused]] std::uint64_t offset,
+                    [[maybe_unused]] std::uint64_t count) {
+#if defined(POSIX_FADV_WILLNEED)
+    if (file >= 0 && offset <= static_cast<std::uint64_t>(INT64_MAX) && count <= static_cast<std::uint64_t>(INT64_MAX))
+        ::posix_fadvise(static_cast<int>(file), static_cast<off_t>(offset), static_cast<off_t>(count),
+                        POSIX_FADV_WILLNEED);
+#endif
+}
+
 std::int64_t file_seek(FileHandle file, std::int64_t offset, int origin) {
     if (file < 0) return -1;
     if (should_fail(FaultKind::File)) return -1;

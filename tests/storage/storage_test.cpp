@@ -354,6 +354,49 @@ TEST_F(Storage, MappedCountStaysWithinTheLimitOldestLeavingFirst) {
     Z_FreeBitmap(&b);
 }
 
+// The rows of a rectangle move between a buffer and tiled storage across
+// memory tiles, a mapped disk tile and disk tiles reached through their
+// files; a row running past its image row or the pixels is refused, and a
+// refused file call is reported.
+TEST_F(Storage, RectangleRowsMoveThroughEveryKindOfTile) {
+    std::vector<uint8_t> unused;
+    BitmapHandle b{};
+    make_bitmap(Kind::TiledMixed, 40, 20, 8, b, unused);  // 7 tiles of 3 rows, the first in memory
+    if (HasFatalFailure()) return;
+    std::vector<uint8_t> image = random_bytes(40 * 20, 5);
+    for (uint32_t y = 0; y < 20; ++y) ASSERT_EQ(Z_PutBitmapRow(&b, &image[y * 40], y, 40), 40);
+    const auto* t = zk::storage::tile_table(b);
+    ASSERT_GT(t->MemTiles, 0u);
+    ASSERT_LT(t->MemTiles, 4u);
+    ASSERT_EQ(t->MappedCount, 1u);
+    ASSERT_NE(t->entries()[6].view, nullptr);  // the last row put mapped the last tile
+    ASSERT_EQ(t->entries()[4].view, nullptr);
+
+    // Columns 5 .. 16 of rows 1 .. 19.
+    std::vector<uint8_t> rect(12 * 19);
+    ASSERT_EQ(zk::storage::transfer_tile_rows(b, 40 + 5, 12, 19, rect.data(), false), ST_OK);
+    for (uint32_t y = 0; y < 19; ++y) ASSERT_EQ(std::memcmp(&rect[y * 12], &image[(y + 1) * 40 + 5], 12), 0) << y;
+    std::vector<uint8_t> fresh = random_bytes(rect.size(), 6);
+    ASSERT_EQ(zk::storage::transfer_tile_rows(b, 40 + 5, 12, 19, fresh.data(), true), ST_OK);
+    for (uint32_t y = 0; y < 19; ++y) std::memcpy(&image[(y + 1) * 40 + 5], &fresh[y * 12], 12);
+    std::vector<uint8_t> row(40);
+    for (uint32_t y = 0; y < 20; ++y) {
+        ASSERT_EQ(Z_GetBitmapRow(&b, row.data(), y, 40), 40);
+        EXPECT_EQ(std::memcmp(row.data(), &image[y * 40], 40), 0) << y;
+    }
+
+    EXPECT_EQ(zk::storage::transfer_tile_rows(b, 30, 12, 2, rect.data(), false), ST_BAD_PARAM);
+    EXPECT_EQ(zk::storage::transfer_tile_rows(b, 40 + 5, 12, 20, rect.data(), false), ST_BAD_PARAM);
+    // Rows 12 .. 14: disk tile 4, not mapped.
+    EXPECT_EQ(under_fault(pf::FaultKind::File, 1,
+                          [&] { return zk::storage::transfer_tile_rows(b, 12 * 40, 40, 3, rect.data(), false); }),
+              ST_FILE_READ);
+    EXPECT_EQ(under_fault(pf::FaultKind::File, 1,
+                          [&] { return zk::storage::transfer_tile_rows(b, 12 * 40, 40, 3, rect.data(), true); }),
+              ST_FILE_WRITE);
+    Z_FreeBitmap(&b);
+}
+
 TEST_F(Storage, ThresholdsAreCheckedInOrder) {
     EXPECT_EQ(Z_SetMemoryThresholds(-101, 0, 0, 0, 0, 1), ST_BAD_PARAM);
     EXPECT_EQ(Z_SetMemoryThresholds(0, 0, -1, 0, 0, 4), ST_BAD_PARAM);
