@@ -547,11 +547,12 @@ private:
 // Side of the ring tiles of a square bitmap turned in tiled storage: the
 // four rectangles of a ring and one turned rectangle are held in memory,
 // each about kStoredRect bytes, so that the row segments read and written
-// are long: one file call moves one segment, and on a 1 GiB image 36 MiB
+// are long: one file call moves one segment. On a 1 GiB image 36 MiB
 // rectangles (rows of 6 KiB) took a tenth less time than 16 MiB ones (rows
-// of 4 KiB) with 180 MiB held; 64 MiB ones took a fifth less than 16 MiB
-// ones but held 320 MiB.
-constexpr uint64_t kStoredRect = uint64_t{36} << 20;
+// of 4 KiB) but held 180 MiB instead of 80; 64 MiB ones a fifth less for
+// 320 MiB. The turn keeps to 16 MiB: resident memory bounded near 100 MiB
+// matters more to images larger than memory than a tenth of the time.
+constexpr uint64_t kStoredRect = uint64_t{16} << 20;
 uint32_t stored_tile(int32_t bpp, uint32_t side) {
     if (const uint32_t t = g_square_tile.load()) return std::min(t, side / 2);
     const uint64_t bits = kStoredRect * 8 / static_cast<uint32_t>(bpp);
