@@ -26,6 +26,7 @@
 // May include: include/zkernel.h, core/platform/.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -41,6 +42,44 @@ constexpr uint32_t kMaxRunWord = 65535;
 constexpr uint32_t kMaxRowPixels = 0x7FFFFFFFu;
 // Bytes in front of a row's run words: the count.
 constexpr size_t kCountBytes = 4;
+
+// The runs of one packed byte read from its most significant bit: `count`
+// runs (1 to 8), the first of the colour of bit 7 and then alternating, of
+// the lengths in `length`; the lengths past the count are 0. A byte and its
+// complement have the same runs.
+struct ByteRuns {
+    uint8_t count;
+    uint16_t length[8];
+};
+
+// The runs of every byte value, from the bits themselves.
+constexpr std::array<ByteRuns, 256> make_byte_runs() {
+    std::array<ByteRuns, 256> table{};
+    for (unsigned b = 0; b < 256; ++b) {
+        ByteRuns& runs = table[b];
+        runs.count = 1;
+        for (int bit = 7; bit >= 0; --bit) {
+            if (bit < 7 && ((b >> bit) & 1) != ((b >> (bit + 1)) & 1)) ++runs.count;
+            ++runs.length[runs.count - 1];
+        }
+    }
+    return table;
+}
+
+inline constexpr std::array<ByteRuns, 256> kByteRuns = make_byte_runs();
+
+// Masks of a packed byte, entry n (0-7): kLeftMask keeps its first n pixels
+// (the top n bits), kRightMask the pixels from pixel n on (0xFF >> n).
+inline constexpr std::array<uint8_t, 8> kLeftMask = [] {
+    std::array<uint8_t, 8> masks{};
+    for (unsigned n = 0; n < 8; ++n) masks[n] = static_cast<uint8_t>(0xFF00u >> n);
+    return masks;
+}();
+inline constexpr std::array<uint8_t, 8> kRightMask = [] {
+    std::array<uint8_t, 8> masks{};
+    for (unsigned n = 0; n < 8; ++n) masks[n] = static_cast<uint8_t>(0xFFu >> n);
+    return masks;
+}();
 
 // The count N of the row at `row`.
 inline uint32_t run_count(const uint8_t* row) {

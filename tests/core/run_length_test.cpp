@@ -1,11 +1,12 @@
 // The run-length row codec against a model that builds the run words pixel
 // by pixel (extending a run byte by byte of the source and splitting it
 // before a byte that would take it past 65535) and expands them pixel by
-// pixel: exact words for every width 1-200 and bit offset, long rows around
-// the split, expansion from every first pixel, mirroring and flipping by
-// their pixel meaning, the checked helpers on rows that lie about their
-// size. Every buffer has exactly the bytes the call may touch, so that
-// AddressSanitizer sees any access past them.
+// pixel: the byte-run table against the bits it describes, exact words for
+// every width 1-200 and bit offset, long rows around the split, expansion
+// from every first pixel, mirroring and flipping by their pixel meaning,
+// the checked helpers on rows that lie about their size. Every buffer has
+// exactly the bytes the call may touch, so that AddressSanitizer sees any
+// access past them.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -98,6 +99,43 @@ void check_compress(const Pixels& px, uint32_t offset, uint8_t junk) {
     Bytes back((px.size() + 7) / 8, 0xA5);
     ASSERT_EQ(Z_ExpandRow(got.data(), back.data(), 0, static_cast<uint32_t>(px.size())), ST_OK);
     ASSERT_EQ(back, pack(px, 0));
+}
+
+// Each byte's runs, laid out from bit 7 with colours alternating from bit
+// 7's, give the byte back; every run is at least a pixel, the lengths past
+// the count are 0. Then the examples and the masks as listed.
+TEST(RunLength, ByteRunTableDescribesEveryByte) {
+    for (unsigned b = 0; b < 256; ++b) {
+        const zk::rle::ByteRuns& runs = zk::rle::kByteRuns[b];
+        ASSERT_TRUE(runs.count >= 1 && runs.count <= 8) << b;
+        unsigned bits = 0, pixels = 0;
+        for (unsigned k = 0; k < 8; ++k) {
+            if (k >= runs.count) {
+                EXPECT_EQ(runs.length[k], 0) << b;
+                continue;
+            }
+            EXPECT_GE(runs.length[k], 1) << b;
+            for (unsigned i = 0; i < runs.length[k]; ++i) bits = bits << 1 | (((b >> 7) ^ k) & 1);
+            pixels += runs.length[k];
+        }
+        EXPECT_EQ(pixels, 8u) << b;
+        EXPECT_EQ(bits, b);
+    }
+    auto lengths = [](unsigned b) {
+        const zk::rle::ByteRuns& runs = zk::rle::kByteRuns[b];
+        return Words(runs.length, runs.length + runs.count);
+    };
+    EXPECT_EQ(lengths(0), Words({8}));
+    EXPECT_EQ(lengths(1), Words({7, 1}));
+    EXPECT_EQ(lengths(2), Words({6, 1, 1}));
+    EXPECT_EQ(lengths(3), Words({6, 2}));
+    EXPECT_EQ(lengths(0xAA), Words(8, 1));
+    const uint8_t left[] = {0x00, 0x80, 0xC0, 0xE0, 0xF0, 0xF8, 0xFC, 0xFE};
+    const uint8_t right[] = {0xFF, 0x7F, 0x3F, 0x1F, 0x0F, 0x07, 0x03, 0x01};
+    for (unsigned n = 0; n < 8; ++n) {
+        EXPECT_EQ(zk::rle::kLeftMask[n], left[n]);
+        EXPECT_EQ(zk::rle::kRightMask[n], right[n]);
+    }
 }
 
 TEST(RunLength, EveryWidthAndOffsetGivesTheModelsWordsAndRoundTrips) {
