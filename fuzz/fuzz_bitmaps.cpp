@@ -141,8 +141,8 @@ uint32_t memory_type(Reader& in) {
 }
 
 // Whether Z_AllocateBitmap, after adjusting the type as it does, makes
-// storage of it from memory and temporary files alone (the run-length kinds
-// depend on row stores that may not be installed).
+// storage of it from memory and temporary files alone (the run-length kind
+// is checked and freed at once; the second compressed form is refused).
 bool plain_type(uint32_t type, int32_t bpp) {
     if (type & TYPE_COMPRESSED) type = bpp == 1 ? 0x300u : (type & ~TYPE_COMPRESSED);
     if ((type & TYPE_SUPERCOMPRESSED) && bpp != 24 && bpp != 1) type &= ~TYPE_SUPERCOMPRESSED;
@@ -548,6 +548,17 @@ struct Run {
         }
         check_kind(s.b, type);
         check_geometry(s.b);
+        if (s.b.Flags & BF_COMPRESSED) {
+            // Run-length rows (1 bit): the model here keeps every bit of a
+            // row, padding included, which runs do not; the kind is driven
+            // by the row, geometry and reduction targets instead.
+            uint32_t reported = 0;
+            check(s.b.BitsPerPixel == 1 && (s.b.Flags & BF_MEMORY));
+            check(Z_GetBitmapMemoryInfo(&s.b, &reported, nullptr, nullptr, nullptr, nullptr, nullptr) == ST_OK &&
+                  reported == TYPE_COMPRESSED);
+            Z_FreeBitmap(&s.b);
+            return;
+        }
         s.live = true;
     }
 
@@ -601,6 +612,12 @@ struct Run {
         check_described(s.b, w, h, d, e);
         check_kind(s.b, type);
         check(s.b.ViewPerspective == (view == 0 ? VP_TOP_LEFT : view));
+        if (s.b.Flags & BF_COMPRESSED) {  // run-length rows: not this model's (see after_allocation)
+            check(d == 1);
+            Z_FreeBitmap(&s.b);
+            std::memset(&s.b, 0, sizeof s.b);
+            return;
+        }
         if (type == TYPE_USER && !user) {
             s.caller.assign(s.b.Size, 0);
             check(Z_SetBitmapDataPointer(&s.b, s.caller.data(), s.caller.size()) == ST_OK);
