@@ -1,11 +1,15 @@
 // The run-length row codec and its six exports.
 //
-// Compressing reads the packed bits eight bytes at a time as one 64-bit word
-// with pixel j in bit j, so that the places where a pixel differs from the
-// one before it (the run boundaries) are the set bits of w ^ (w << 1). A
-// word without such a bit (all white or all black, most of a text page) is
-// passed over at once; the others give their boundaries lowest first through
-// countr_zero, each closing the run before it.
+// Compressing goes through the packed bits eight bytes at a time, read as a
+// 64-bit word with the first pixel in the top bit, so that the places where
+// a pixel differs from the one before it (the run boundaries) are the set
+// bits of w ^ (w >> 1 | last). A word without such a bit (all white or all
+// black, most of a text page) only lengthens the open run. A word with a few
+// boundaries gives them first to last through countl_zero, each closing the
+// run before it. A word with many (halftones, noise) is taken a byte at a
+// time through the byte-run table: the byte's first run lengthens the open
+// run when its top bit has the run's colour, and its runs are stored as
+// eight words at once, of which as many count as the byte has runs.
 //
 // Expanding writes 64 pixels at a time: the runs set their bits in a word,
 // which is stored (most significant bit first) once full; runs that cover
@@ -29,10 +33,9 @@ struct WordWriter {
     uint8_t* p;
     uint8_t* start;
     explicit WordWriter(uint8_t* out) : p(out), start(out) {}
-    void put(uint32_t v) {
-        const auto w = static_cast<uint16_t>(v);
-        std::memcpy(p, &w, sizeof w);
-        p += sizeof w;
+    void put_words(const uint16_t* w, size_t n) {
+        std::memcpy(p, w, 2 * n);
+        p += 2 * n;
     }
     uint64_t words() const { return static_cast<uint64_t>(p - start) / 2; }
 };
@@ -42,103 +45,192 @@ struct BoundedWordWriter {
     uint8_t* out;
     uint64_t capacity;
     uint64_t n = 0;
-    void put(uint32_t v) {
-        if (n < capacity) {
-            const auto w = static_cast<uint16_t>(v);
-            std::memcpy(out + 2 * n, &w, sizeof w);
-        }
-        ++n;
+    void put_words(const uint16_t* w, size_t count) {
+        if (n < capacity) std::memcpy(out + 2 * n, w, 2 * static_cast<size_t>(std::min<uint64_t>(count, capacity - n)));
+        n += count;
     }
     uint64_t words() const { return n; }
 };
 
-// Writes the words of one run of `length` pixels that starts at bit `start`
-// of the source (bits counted from the first source byte's most significant
-// bit). The run's word takes the pixels of its first byte, then those of
-// each following byte; before a byte that would take it past 65535 it is
-// written, a 0 word follows and a new word starts with that byte. Runs that
-// fit one word (nearly all) are written at once.
-template <class Out>
-inline void put_run(Out& out, uint64_t length, uint64_t start) {
-    if (length <= kMaxRunWord) [[likely]] {
-        out.put(static_cast<uint32_t>(length));
-        return;
-    }
-    const uint64_t head = 8 - (start & 7);  // below length here
-    const uint64_t tail = (start + length) & 7;
-    uint64_t bytes = (length - head - tail) / 8;  // whole bytes after the first
-    uint64_t word = head;
-    for (;;) {
-        const uint64_t take = std::min(bytes, (kMaxRunWord - word) / 8);
-        word += 8 * take;
-        bytes -= take;
-        if (bytes == 0) break;
-        out.put(static_cast<uint32_t>(word));
-        out.put(0);
-        word = 0;
-    }
-    if (tail != 0) {
-        if (word + tail > kMaxRunWord) {
-            out.put(static_cast<uint32_t>(word));
-            out.put(0);
-            word = 0;
-        }
-        word += tail;
-    }
-    out.put(static_cast<uint32_t>(word));
-}
-
 // ---------------------------------------------------------------------------
 // Reading packed bits.
 
-// Reverses the bits of each byte, so that pixel j of 8 bytes read in memory
-// order lies in bit j.
-constexpr uint64_t reverse_bits_in_bytes(uint64_t v) {
-    v = ((v >> 1) & 0x5555555555555555u) | ((v & 0x5555555555555555u) << 1);
-    v = ((v >> 2) & 0x3333333333333333u) | ((v & 0x3333333333333333u) << 2);
-    return ((v >> 4) & 0x0F0F0F0F0F0F0F0Fu) | ((v & 0x0F0F0F0F0F0F0F0Fu) << 4);
+// 8 bytes from p as one word, the first byte in the top 8 bits.
+inline uint64_t load_msb_first(const uint8_t* p) {
+    uint64_t v;
+    std::memcpy(&v, p, 8);
+    if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
+    return v;
 }
 
-// Pixels 8i .. 8i + 63 of `n` bytes (byte k in bits 8k .. 8k + 7), pixel j
-// in bit j; bytes past the n given read as 0.
-inline uint64_t load_pixels(const uint8_t* p, size_t n) {
-    uint64_t v = 0;
-    if (n >= 8) {
-        std::memcpy(&v, p, 8);
-        if constexpr (std::endian::native == std::endian::big) v = __builtin_bswap64(v);
-    } else {
-        for (size_t k = 0; k < n; ++k) v |= uint64_t{p[k]} << (8 * k);
-    }
-    return reverse_bits_in_bytes(v);
+// Words gather in a block on the stack before they go to the row: a byte
+// step stores eight words past the open one whatever the byte's runs, which
+// the row (sized to the words that count) has no room for. The block is
+// passed on before it can run out: a word of source bytes adds at most 8
+// words a byte, 2 more where a long run splits, and the 8 a step stores.
+constexpr size_t kStageWords = 512;
+constexpr size_t kPassOnAt = kStageWords - 8 * 10 - 16;
+// Boundaries up to which a word of source bytes is taken boundary by
+// boundary rather than byte by byte.
+constexpr int kFewBoundaries = 6;
+
+// Set bits of v, counted without relying on an instruction for it.
+inline int count_bits(uint64_t v) {
+    v -= (v >> 1) & 0x5555555555555555u;
+    v = (v & 0x3333333333333333u) + ((v >> 2) & 0x3333333333333333u);
+    v = (v + (v >> 4)) & 0x0F0F0F0F0F0F0F0Fu;
+    return static_cast<int>((v * 0x0101010101010101u) >> 56);
 }
+
+// What a whole byte does to a row being compressed, for each colour of the
+// open run (the first 256 entries for an open 0-run) and each byte value,
+// from the byte's runs: `extends` pixels (its first run, when that has the
+// open run's colour) lengthen the open run, the `added` runs after them
+// follow as new words, and the last of those (`last` pixels) is then the
+// open run.
+struct alignas(32) ByteStep {
+    uint16_t appended[8];
+    uint16_t extends;
+    uint16_t added;
+    uint16_t last;
+};
+
+constexpr std::array<ByteStep, 512> make_byte_steps() {
+    std::array<ByteStep, 512> steps{};
+    for (unsigned colour = 0; colour < 2; ++colour)
+        for (unsigned b = 0; b < 256; ++b) {
+            const ByteRuns& runs = kByteRuns[b];
+            ByteStep& step = steps[colour * 256 + b];
+            const unsigned skip = (b >> 7) == colour ? 1 : 0;
+            step.extends = skip ? runs.length[0] : 0;
+            step.added = static_cast<uint16_t>(runs.count - skip);
+            for (unsigned k = skip; k < runs.count; ++k) step.appended[k - skip] = runs.length[k];
+            step.last = runs.length[runs.count - 1];
+        }
+    return steps;
+}
+
+constexpr std::array<ByteStep, 512> kByteSteps = make_byte_steps();
 
 // Compresses pixels `offset` .. offset + count - 1 of src (offset < 8) into
-// out's run words, where the source bytes start at bit 0: the leading
-// `offset` bits are taken as 0-pixels whose run is not counted, so the row's
-// first word holds the 0-pixels from bit `offset` on. The writer is taken and
-// given back by value: as a local its position stays in a register, where
-// the byte stores of the words could otherwise change it.
+// out's run words, where the source bytes start at bit 0. The leading
+// `offset` bits are cleared and taken as 0-pixels, and the open word starts
+// at -offset (modulo 2^32), so that the row's first word counts only the
+// 0-pixels from bit `offset` on. The writer is taken and given back by
+// value: as a local its position stays in a register.
 template <class Out>
 Out compress_bits(const uint8_t* src, uint32_t offset, uint64_t count, Out out) {
     const uint64_t total = offset + count;
-    const auto bytes = static_cast<size_t>((total + 7) / 8);
-    uint64_t run_start = offset;  // bit where the open run began
-    uint64_t last = 0;            // the pixel before the current word, in bit 0
-    uint64_t base = 0;            // bit of the current word's pixel 0
-    for (size_t i = 0; i < bytes; i += 8, base += 64) {
-        uint64_t w = load_pixels(src + i, bytes - i);
-        if (i == 0) w &= ~uint64_t{0} << offset;
-        uint64_t edges = w ^ ((w << 1) | last);
-        last = w >> 63;
-        if (total - base < 64) edges &= (uint64_t{1} << (total - base)) - 1;
-        while (edges != 0) {
-            const uint64_t at = base + static_cast<unsigned>(std::countr_zero(edges));
-            put_run(out, at - run_start, run_start);
-            run_start = at;
-            edges &= edges - 1;
+    const uint64_t whole = total / 8;  // bytes taken whole
+    const auto rest = static_cast<unsigned>(total % 8);
+    uint16_t stage[kStageWords];
+    size_t p = 0;                 // where the open word goes in stage
+    uint32_t open = 0u - offset;  // the open run's word
+    uint32_t colour = 0;          // the open run's colour
+
+    auto put = [&](uint32_t v) { stage[p++] = static_cast<uint16_t>(v); };
+    // Adds the `pixels` of a byte's first run to the open run, which has its
+    // colour. When the word would pass 65535 it is closed first and an empty
+    // run of the other colour keeps the colours in turn. (On the first byte
+    // the open word wraps back to the pixels past the offset, which a byte
+    // cannot take past the limit.)
+    auto add_first_run = [&](uint32_t pixels) {
+        if (open + pixels > kMaxRunWord) [[unlikely]] {
+            put(open);
+            put(0);
+            open = 0;
         }
+        open += pixels;
+    };
+    // Lengthens the open run by pixels from .. to - 1 of a word of source
+    // bytes (counted from its first pixel), a byte's first run at a time
+    // once the word could pass the limit.
+    auto extend = [&](uint32_t from, uint32_t to) {
+        if (open + (to - from) <= kMaxRunWord) [[likely]] {
+            open += to - from;
+            return;
+        }
+        while (from < to) {
+            const uint32_t byte_end = std::min(to, (from & ~7u) + 8);
+            add_first_run(byte_end - from);
+            from = byte_end;
+        }
+    };
+    // One whole byte through the byte-run table: its first run goes to the
+    // open word when it has the open run's colour; the words of its other
+    // runs (or of all of them) are stored as eight words after the open one,
+    // and the last run the byte has becomes the open one.
+    auto byte_step = [&](uint32_t b) {
+        const ByteStep& step = kByteSteps[colour * 256 + b];
+        uint32_t first = open + step.extends;
+        if (first > kMaxRunWord) [[unlikely]] {
+            put(open);
+            put(0);
+            first = step.extends;
+        }
+        stage[p] = static_cast<uint16_t>(first);
+        std::memcpy(stage + p + 1, step.appended, 16);
+        open = step.added != 0 ? step.last : first;
+        p += step.added;
+        colour = b & 1;
+    };
+    // The last `bits` pixels (1-7) of the row, the top bits of byte b.
+    auto last_bits = [&](uint32_t b, uint32_t bits) {
+        const ByteRuns& runs = kByteRuns[b];
+        for (uint32_t k = 0, at = 0; at < bits; ++k) {
+            const uint32_t pixels = std::min<uint32_t>(runs.length[k], bits - at);
+            if (((b >> (7 - at)) & 1) == colour) {  // the first run, continuing
+                add_first_run(pixels);
+            } else {
+                put(open);
+                open = pixels;
+                colour ^= 1;
+            }
+            at += pixels;
+        }
+    };
+
+    uint64_t i = 0;
+    if (whole != 0) {
+        byte_step(src[0] & kRightMask[offset]);
+        i = 1;
     }
-    put_run(out, total - run_start, run_start);
+    for (; i + 8 <= whole; i += 8) {
+        if (p >= kPassOnAt) {
+            out.put_words(stage, p);
+            p = 0;
+        }
+        const uint64_t v = load_msb_first(src + i);
+        uint64_t edges = v ^ ((v >> 1) | (uint64_t{colour} << 63));
+        if (edges == 0) {
+            if (open + 64 <= kMaxRunWord) [[likely]] {
+                open += 64;
+                continue;
+            }
+        } else if (count_bits(edges) <= kFewBoundaries) {
+            uint32_t from = 0;
+            do {
+                const auto at = static_cast<uint32_t>(std::countl_zero(edges));
+                extend(from, at);
+                put(open);
+                open = 0;
+                from = at;
+                edges &= ~(uint64_t{1} << 63 >> at);
+            } while (edges != 0);
+            extend(from, 64);
+            colour = static_cast<uint32_t>(v & 1);
+            continue;
+        }
+        for (uint64_t k = 0; k < 8; ++k) byte_step(src[i + k]);
+    }
+    if (p >= kPassOnAt) {
+        out.put_words(stage, p);
+        p = 0;
+    }
+    for (; i < whole; ++i) byte_step(src[i]);
+    if (rest != 0) last_bits(whole == 0 ? src[0] & kRightMask[offset] : src[whole], rest);
+    put(open);
+    out.put_words(stage, p);
     return out;
 }
 

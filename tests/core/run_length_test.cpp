@@ -2,11 +2,11 @@
 // by pixel (extending a run byte by byte of the source and splitting it
 // before a byte that would take it past 65535) and expands them pixel by
 // pixel: the byte-run table against the bits it describes, exact words for
-// every width 1-200 and bit offset, long rows around the split, expansion
-// from every first pixel, mirroring and flipping by their pixel meaning,
-// the checked helpers on rows that lie about their size. Every buffer has
-// exactly the bytes the call may touch, so that AddressSanitizer sees any
-// access past them.
+// every width 1-200 and bit offset, long rows around the split (also where
+// the split falls among dense or sparse pixels), expansion from every first
+// pixel, mirroring and flipping by their pixel meaning, the checked helpers
+// on rows that lie about their size. Every buffer has exactly the bytes the
+// call may touch, so that AddressSanitizer sees any access past them.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -177,6 +177,24 @@ TEST(RunLength, LongRunsSplitWhereTheModelSplitsThem) {
         EXPECT_EQ(written, want.size());
         EXPECT_EQ(checked, want);
     }
+}
+
+// A run long enough to split, ending at every place around the split
+// point, followed by noise (taken a byte at a time) or by sparse edges
+// (taken edge by edge), from several bit positions and in both colours.
+TEST(RunLength, LongRunsSplitAmongDenseAndSparsePixels) {
+    std::mt19937 rng(13);
+    for (uint32_t length = 65518; length <= 65546; ++length)
+        for (const size_t lead : {0u, 5u, 13u})
+            for (uint8_t colour : {0, 1})
+                for (int tail = 0; tail < 2; ++tail) {
+                    Pixels px(lead, static_cast<uint8_t>(colour ^ 1));
+                    px.insert(px.end(), length, colour);
+                    for (size_t i = 0; i < 300; ++i)
+                        px.push_back(tail == 0 ? static_cast<uint8_t>(rng() & 1)
+                                               : static_cast<uint8_t>(colour ^ ((i + 1) / 23 % 2)));
+                    check_compress(px, length % 8, 0xC6);
+                }
 }
 
 TEST(RunLength, ExpandFromEveryFirstPixel) {
