@@ -11,9 +11,12 @@
 // run when its top bit has the run's colour, and its runs are stored as
 // eight words at once, of which as many count as the byte has runs.
 //
-// Expanding writes 64 pixels at a time: the runs set their bits in a word,
-// which is stored (most significant bit first) once full; runs that cover
-// whole words store them directly.
+// Expanding marks the pixels where a new run begins, a byte per pixel, for
+// up to 4096 pixels at a time, then turns the marks into packed bits: eight
+// marks become a byte with one multiplication, and a running exclusive or
+// over the marks gives the pixels. Each run then costs an addition and a
+// store, whatever its length; stretches that no run boundary falls in are
+// filled whole.
 #include "run_length.h"
 
 #include <algorithm>
@@ -237,113 +240,147 @@ Out compress_bits(const uint8_t* src, uint32_t offset, uint64_t count, Out out) 
 // ---------------------------------------------------------------------------
 // Writing packed bits.
 
-// Stores pixels into dst's (count + 7) / 8 bytes, 64 at a time, most
-// significant bit first; bits past the count stay 0. `fill` is the colour of
-// a run: all ones or all zeros.
-class PackedRowWriter {
-public:
-    PackedRowWriter(uint8_t* dst, uint64_t count) : dst_(dst), count_(count), whole_(count / 64 * 64) {}
+// Pixels marked at a time.
+constexpr uint64_t kMarkPixels = 4096;
 
-    bool full() const { return pos_ == count_; }
+// The colour (0 or all ones) of pixel 63 of a word of pixels, first in the
+// top bit.
+inline uint64_t last_colour(uint64_t pixels) { return 0 - (pixels & 1); }
 
-    // Whether put_short takes a run of `length` pixels: one shorter than a
-    // word that ends inside the whole words of the row.
-    bool short_run(uint64_t length) const { return length < 64 && pos_ + length < whole_; }
+// Stores a word of pixels, the first in the top bit, as 8 bytes.
+inline void store_msb_first(uint8_t* p, uint64_t v) {
+    if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
+    std::memcpy(p, &v, 8);
+}
 
-    // Adds a short run without a branch: the current word is stored as if
-    // the run completed it (a later store overwrites it when not), and the
-    // word after it is started when the run reaches into it.
-    void put_short(uint64_t fill, uint64_t length) {
-        const uint64_t end = pos_ + length;
-        const uint64_t from_pos = fill & (~uint64_t{0} >> (pos_ & 63));
-        const uint64_t before_end = ~(~uint64_t{0} >> (end & 63));  // 0 when end starts a word
-        store(pos_ / 64, word_ | from_pos);
-        word_ = (end / 64 != pos_ / 64) ? fill & before_end : word_ | (from_pos & before_end);
-        pos_ = end;
-    }
-
-    // Adds a run of any length, cut at the count.
-    void put(uint64_t fill, uint64_t length) {
-        length = std::min(length, count_ - pos_);
-        const auto off = static_cast<unsigned>(pos_ & 63);
-        if (off + length < 64) {
-            word_ |= fill & (~uint64_t{0} >> off) & ~(~uint64_t{0} >> (off + length));
-            pos_ += length;
-            return;
+// Turns the marks of `pixels` pixels (one byte each, 1 where the pixel
+// differs from the one before it; 0 past the pixels up to a multiple of 64)
+// into packed pixels at dst, `colour` (0 or all ones) being the colour
+// before the first; bits past the pixels in the last byte are 0. The marks
+// are left 0. Returns the colour of the last pixel.
+uint64_t pack_marks(uint8_t* marks, uint64_t pixels, uint64_t colour, uint8_t* dst) {
+    for (uint64_t at = 0; at < pixels; at += 64, marks += 64) {
+        uint64_t m[8], any = 0;
+        std::memcpy(m, marks, sizeof m);
+        for (const uint64_t v : m) any |= v;
+        uint64_t word = colour;
+        if (any != 0) {
+            std::memset(marks, 0, sizeof m);
+            // Mark k of each 8 (bytes 0 or 1, the first at the lowest
+            // address) goes to bit 7 - k of a byte through a product whose
+            // partial products never meet; then each bit is made the
+            // exclusive or of those before it.
+            uint64_t changes = 0;
+            for (uint64_t v : m) {
+                if constexpr (std::endian::native == std::endian::big) v = __builtin_bswap64(v);
+                changes = (changes << 8) | ((v * 0x8040201008040201u) >> 56);
+            }
+            for (unsigned shift = 1; shift < 64; shift *= 2) changes ^= changes >> shift;
+            word ^= changes;
         }
-        // The run completes the current word, then fills whole ones.
-        store(pos_ / 64, word_ | (fill & (~uint64_t{0} >> off)));
-        pos_ += 64 - off;
-        length -= 64 - off;
-        if (length >= 64) {
-            const uint64_t words = length / 64;
-            std::memset(dst_ + pos_ / 8, static_cast<int>(fill & 0xFF), static_cast<size_t>(words * 8));
-            pos_ += words * 64;
-            length -= words * 64;
+        if (pixels - at >= 64) {
+            store_msb_first(dst + at / 8, word);
+        } else {
+            word &= ~(~uint64_t{0} >> (pixels - at));
+            uint8_t bytes[8];
+            store_msb_first(bytes, word);
+            std::memcpy(dst + at / 8, bytes, static_cast<size_t>((pixels - at + 7) / 8));
         }
-        word_ = fill & ~(~uint64_t{0} >> length);
-        pos_ += length;
+        colour = last_colour(word);
     }
+    return colour;
+}
 
-    // Writes the bytes not yet stored: the started word and the zeros of the
-    // pixels no run reached.
-    void finish() {
-        const uint64_t done = pos_ / 64 * 8;  // bytes of the words before pos_
-        const uint64_t bytes = (count_ + 7) / 8;
-        if (done >= bytes) return;
-        uint64_t v = word_;
-        if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
-        const uint64_t left = bytes - done;
-        std::memcpy(dst_ + done, &v, static_cast<size_t>(std::min<uint64_t>(left, 8)));
-        if (left > 8) std::memset(dst_ + done + 8, 0, static_cast<size_t>(left - 8));
+// Sets `pixels` pixels from dst on (dst at a byte's first pixel) to `colour`
+// (0 or all ones); bits past them in the last byte are 0.
+void fill_pixels(uint8_t* dst, uint64_t pixels, uint64_t colour) {
+    const auto bytes = static_cast<size_t>((pixels + 7) / 8);
+    std::memset(dst, static_cast<int>(colour & 0xFF), bytes);
+    if (pixels % 8 != 0) dst[bytes - 1] &= kLeftMask[pixels % 8];
+}
+
+// Room to mark a block of pixels, 0 wherever a row may mark it: cleared
+// once as far as the widest row given reaches, and left so by every row.
+struct MarkBlock {
+    explicit MarkBlock(uint64_t widest) {
+        std::memset(marks, 0, static_cast<size_t>(std::min(kMarkPixels, (widest + 63) / 64 * 64)));
     }
-
-private:
-    void store(uint64_t word, uint64_t v) {
-        if constexpr (std::endian::native == std::endian::little) v = __builtin_bswap64(v);
-        std::memcpy(dst_ + word * 8, &v, 8);
-    }
-
-    uint8_t* dst_;
-    uint64_t count_;
-    uint64_t whole_;  // pixels in the row's whole words
-    uint64_t pos_ = 0;
-    uint64_t word_ = 0;  // pixels of word pos_ / 64 so far, the first in bit 63
+    uint8_t marks[kMarkPixels];
 };
 
 // Expands `count` pixels from pixel `first` of the n run words at `words`
 // into dst, reading none of the words past the n-th: runs skipped before the
 // first pixel, the rest of the run it falls in, then whole runs, the last
 // cut at the count. Pixels the runs do not reach are 0. Run i is a 1-run
-// when i is odd.
-void expand_words(const uint8_t* words, uint32_t n, uint64_t first, uint64_t count, uint8_t* dst) {
-    auto word = [words](uint32_t i) {
+// when i is odd. `marks` is a MarkBlock's.
+void expand_words(const uint8_t* words, uint32_t n, uint64_t first, uint64_t count, uint8_t* dst, uint8_t* marks) {
+    auto length_at = [](const uint8_t* p) {
         uint16_t w;
-        std::memcpy(&w, words + 2 * size_t{i}, sizeof w);
+        std::memcpy(&w, p, sizeof w);
         return w;
     };
-    auto fill = [](uint32_t i) { return uint64_t{0} - (i & 1); };
-    PackedRowWriter out(dst, count);
-    uint32_t i = 0;
-    for (; i < n; ++i) {
-        const uint16_t length = word(i);
+    if (count == 0) return;
+    const uint8_t* const end = words + 2 * size_t{n};
+    // `colour` (0 or all ones) runs from the first pixel to `change`, the
+    // first boundary; none is found when the first pixel is past the runs.
+    uint64_t colour = 0, change = UINT64_MAX;
+    const uint8_t* w = words;  // the next run
+    for (; w != end; w += 2) {
+        const uint16_t length = length_at(w);
         if (first < length) {
-            out.put(fill(i), length - first);
-            ++i;
+            colour = 0 - uint64_t{(static_cast<size_t>(w - words) / 2) & 1};
+            change = length - first;
+            w += 2;
             break;
         }
         first -= length;
     }
-    for (; i < n; ++i) {
-        const uint16_t length = word(i);
-        if (out.short_run(length)) [[likely]] {
-            out.put_short(fill(i), length);
-        } else {
-            out.put(fill(i), length);
-            if (out.full()) break;
+    for (uint64_t base = 0; base < count;) {
+        const uint64_t pixels = std::min(kMarkPixels, count - base);
+        if (change >= base + pixels) {
+            // No boundary here, nor up to the block that holds the next.
+            const uint64_t to = change >= count ? count : base + (change - base) / kMarkPixels * kMarkPixels;
+            fill_pixels(dst + base / 8, to - base, colour);
+            base = to;
+            continue;
         }
+        uint64_t at = change - base;
+        marks[at] ^= 1;
+        for (;;) {
+            // Four runs at a time while they end inside the block (their
+            // ends summed in pairs, so that the block's position waits on
+            // one addition); their boundaries are toggled, so that an empty
+            // run undoes the mark of the run before it.
+            for (; end - w >= 8; w += 8) {
+                const uint32_t w0 = length_at(w), w01 = w0 + length_at(w + 2);
+                const uint32_t w2 = length_at(w + 4), w23 = w2 + length_at(w + 6);
+                const uint64_t a = at + w0, b = at + w01, c = b + w2, d = at + (w01 + w23);
+                if (d >= pixels) break;
+                marks[a] ^= 1;
+                marks[b] ^= 1;
+                marks[c] ^= 1;
+                marks[d] ^= 1;
+                at = d;
+            }
+            if (w == end) {
+                // After the last run the pixels are 0: when that run was a
+                // 1-run its end stays marked, else its mark is undone.
+                if (n % 2 != 0) marks[at] ^= 1;
+                change = UINT64_MAX;
+                break;
+            }
+            const uint64_t next = at + length_at(w);
+            w += 2;
+            if (next >= pixels) {
+                change = base + next;
+                break;
+            }
+            at = next;
+            marks[at] ^= 1;
+        }
+        colour = pack_marks(marks, pixels, colour, dst + base / 8);
+        base += pixels;
     }
-    out.finish();
 }
 
 // Writes the row count in front of its words.
@@ -392,7 +429,8 @@ int32_t expand_row_checked(const uint8_t* runs, size_t available_bytes, uint32_t
                            uint8_t* dst) {
     if (!dst || uint64_t{first} + count > width) return ST_BAD_PARAM;
     if (const int32_t status = check_row(runs, available_bytes, width, nullptr); status != ST_OK) return status;
-    expand_words(runs + kCountBytes, run_count(runs), first, count, dst);
+    MarkBlock block(count);
+    expand_words(runs + kCountBytes, run_count(runs), first, count, dst, block.marks);
     return ST_OK;
 }
 
@@ -422,16 +460,18 @@ size_t mirror_row(const uint8_t* row, uint8_t* out) {
 
 extern "C" int32_t Z_API Z_ExpandRow(const uint8_t* runs, uint8_t* buffer, uint32_t first, uint32_t count) {
     if (!runs || !buffer) return ST_BAD_PARAM;
-    zk::rle::expand_words(runs + zk::rle::kCountBytes, zk::rle::run_count(runs), first, count, buffer);
+    zk::rle::MarkBlock block(count);
+    zk::rle::expand_words(runs + zk::rle::kCountBytes, zk::rle::run_count(runs), first, count, buffer, block.marks);
     return ST_OK;
 }
 
 extern "C" int32_t Z_API Z_ExpandRows(const uint8_t* runs, uint8_t* image, uint32_t width, uint32_t rows) {
     if (!runs || !image) return ST_BAD_PARAM;
     const auto stride = static_cast<size_t>(zk::padded_row_bytes(width, 1));
+    zk::rle::MarkBlock block(rows == 0 ? 0 : width);
     for (uint32_t y = 0; y < rows; ++y, image += stride) {
         const uint32_t n = zk::rle::run_count(runs);
-        zk::rle::expand_words(runs + zk::rle::kCountBytes, n, 0, width, image);
+        zk::rle::expand_words(runs + zk::rle::kCountBytes, n, 0, width, image, block.marks);
         runs += zk::rle::kCountBytes + 2 * size_t{n};
     }
     return ST_OK;

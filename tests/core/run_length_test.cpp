@@ -4,9 +4,10 @@
 // pixel: the byte-run table against the bits it describes, exact words for
 // every width 1-200 and bit offset, long rows around the split (also where
 // the split falls among dense or sparse pixels), expansion from every first
-// pixel, mirroring and flipping by their pixel meaning, the checked helpers
-// on rows that lie about their size. Every buffer has exactly the bytes the
-// call may touch, so that AddressSanitizer sees any access past them.
+// pixel and of arbitrary words, mirroring and flipping by their pixel
+// meaning, the checked helpers on rows that lie about their size. Every
+// buffer has exactly the bytes the call may touch, so that AddressSanitizer
+// sees any access past them.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -220,6 +221,43 @@ TEST(RunLength, ExpandFromEveryFirstPixel) {
                 }
         }
 }
+
+// Rows of arbitrary words: empty runs, short and long ones.
+std::vector<Words> arbitrary_rows() {
+    std::mt19937 rng(17);
+    std::vector<Words> rows{{}, {0}, {0, 0, 5, 0, 0}};
+    for (int r = 0; r < 24; ++r) {
+        Words w;
+        for (size_t total = 0; total < 20000;) {
+            const uint32_t pick = rng() % 100;
+            w.push_back(static_cast<uint16_t>(pick < 10   ? 0
+                                              : pick < 80 ? 1 + rng() % 6
+                                              : pick < 97 ? rng() % 300
+                                                          : rng()));
+            total += w.back();
+        }
+        rows.push_back(w);
+    }
+    return rows;
+}
+
+// The rows expanded from several first pixels with several counts, across
+// the 4096-pixel blocks the expansion works in, each against the model.
+void expand_as_the_model(const std::vector<Words>& rows) {
+    for (const Words& w : rows) {
+        const Bytes row = serialize(w);
+        const Pixels all = model_expand(w, 0, 60000);
+        for (const uint32_t first : {0u, 1u, 63u, 4095u, 4097u, 9000u})
+            for (const uint32_t count : {1u, 64u, 4095u, 4096u, 4160u, 12345u, 40000u}) {
+                const Bytes want = pack(Pixels(all.begin() + first, all.begin() + first + count), 0);
+                Bytes out(want.size(), 0xC3);
+                ASSERT_EQ(Z_ExpandRow(row.data(), out.data(), first, count), ST_OK);
+                ASSERT_EQ(out, want) << w.size() << " words from " << first << " count " << count;
+            }
+    }
+}
+
+TEST(RunLength, ArbitraryWordsExpandAsTheModel) { expand_as_the_model(arbitrary_rows()); }
 
 // The packed image of `rows`, `width` pixels each; the padding bytes after
 // each row's pixels hold 0xEE (Z_ExpandRows leaves them as they are).
