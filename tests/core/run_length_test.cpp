@@ -4,17 +4,19 @@
 // pixel: the byte-run table against the bits it describes, exact words for
 // every width 1-200 and bit offset, long rows around the split (also where
 // the split falls among dense or sparse pixels), expansion from every first
-// pixel and of arbitrary words, mirroring and flipping by their pixel
-// meaning, the checked helpers on rows that lie about their size. Every
-// buffer has exactly the bytes the call may touch, so that AddressSanitizer
-// sees any access past them.
+// pixel and of arbitrary words in every processor tier, mirroring and
+// flipping by their pixel meaning, the checked helpers on rows that lie
+// about their size. Every buffer has exactly the bytes the call may touch,
+// so that AddressSanitizer sees any access past them.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <random>
 #include <vector>
 
+#include "core/platform/cpu.h"
 #include "core/run_length.h"
 #include "zkernel.h"
 
@@ -257,7 +259,22 @@ void expand_as_the_model(const std::vector<Words>& rows) {
     }
 }
 
-TEST(RunLength, ArbitraryWordsExpandAsTheModel) { expand_as_the_model(arbitrary_rows()); }
+// In every processor tier.
+TEST(RunLength, ArbitraryWordsExpandAsTheModelInEveryTier) {
+    namespace pf = zk::platform;
+    const std::vector<Words> rows = arbitrary_rows();
+    for (pf::CpuTier tier : pf::kCpuTiers) {
+        SCOPED_TRACE(pf::cpu_tier_name(tier));
+        if (tier > pf::cpu_tier_supported()) {
+            std::printf("[   NOTE   ] %s run-length expansion not tested: this processor lacks it\n",
+                        pf::cpu_tier_name(tier));
+            continue;
+        }
+        const pf::CpuTier previous = pf::set_cpu_tier_cap(tier);
+        expand_as_the_model(rows);
+        pf::set_cpu_tier_cap(previous);
+    }
+}
 
 // The packed image of `rows`, `width` pixels each; the padding bytes after
 // each row's pixels hold 0xEE (Z_ExpandRows leaves them as they are).
