@@ -7,15 +7,19 @@
 //    same through the checked compressor (which must refuse one byte less),
 //    and expand back to the pixels, whole and from any first pixel.
 //  - Mirroring and flipping rows of arbitrary words: a mirrored row expands
-//    to its source's pixels reversed, flipped rows are the rows reversed.
+//    to its source's pixels reversed, flipped rows are the rows reversed;
+//    each source row expands to the pixels its words describe.
 //  - The checked expander on arbitrary bytes: it either refuses, leaving
-//    its destination alone, or gives what Z_ExpandRow gives.
+//    its destination alone, or gives the pixels the words describe, as
+//    Z_ExpandRow does.
+// The first byte caps the processor tier, so that every tier's kernels run.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <vector>
 
+#include "core/platform/cpu.h"
 #include "core/run_length.h"
 #include "fuzz_input.h"
 #include "zkernel.h"
@@ -129,6 +133,12 @@ void mirror_and_flip(Reader& in) {
     size_t at = 0;
     for (uint32_t r = 0; r < rows; ++r) {
         Bytes px = pixels_of(source.data() + starts[r]);
+        if (!px.empty()) {
+            const auto width = static_cast<uint32_t>(px.size());
+            const uint32_t first = (r * 7919u) % width;
+            const Bytes out = expand(source.data() + starts[r], first, width - first);
+            for (uint32_t i = first; i < width; ++i) check(bit(out, i - first) == (px[i] != 0));
+        }
         std::reverse(px.begin(), px.end());
         check(pixels_of(m) == px);
         m += zk::rle::row_bytes(m);
@@ -163,6 +173,8 @@ void checked_expand(Reader& in) {
     check(bytes == zk::rle::row_bytes(row.data()) && bytes <= row.size());
     check(out.back() == 0x5C);
     out.pop_back();
+    const Bytes px = pixels_of(row.data());
+    for (uint32_t i = 0; i < out.size() * 8; ++i) check(bit(out, i) == (i < count && px[first + i] != 0));
     Bytes plain(out.size());
     if (!plain.empty()) check(Z_ExpandRow(row.data(), plain.data(), first, count) == ST_OK);
     check(plain == out);
@@ -172,6 +184,7 @@ void checked_expand(Reader& in) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Reader in{data, size};
+    zk::platform::set_cpu_tier_cap(zk::platform::kCpuTiers[in.take(1) % 3]);
     switch (in.take(1) % 3) {
         case 0: compress_and_expand(in); break;
         case 1: mirror_and_flip(in); break;
