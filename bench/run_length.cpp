@@ -1,8 +1,10 @@
 // Run-length row speed: a synthetic 300 dpi A4 text page (2480 x 3508
 // pixels at 1 bit, white margins, lines of letter-sized blobs made of short
-// horizontal and vertical strokes, about 5 % black) and a page of random
-// bits, compressed with Z_CompressRows and expanded with Z_ExpandRows, one
-// whole page per iteration; the text page's run-length rows reversed with
+// horizontal and vertical strokes, about 5 % black), a page of random bits
+// and a halftone page (a gradient from white to black through an 8 x 8
+// ordered dither: every density of run boundaries, up to one per pixel),
+// compressed with Z_CompressRows and expanded with Z_ExpandRows, one whole
+// page per iteration; the text page's run-length rows reversed with
 // Z_FlipCompressedBuffer. Beside them a memcpy of the packed page and one of
 // the compressed text page in the same program.
 //
@@ -39,12 +41,14 @@ struct Page {
     size_t run_bytes = 0;
     double black = 0;
 
-    explicit Page(bool text) {
+    explicit Page(int kind) {
         std::memset(packed.first(), 0, kPacked);
-        if (text)
+        if (kind == 0)
             draw_text();
-        else
+        else if (kind == 1)
             fill_noise();
+        else
+            draw_halftone();
         size_t ones = 0;
         for (uint32_t y = 0; y < kHeight; ++y)
             for (size_t i = 0; i < kWidth / 8; ++i)
@@ -97,20 +101,38 @@ struct Page {
         for (uint32_t y = 0; y < kHeight; ++y)
             for (size_t i = 0; i < kWidth / 8; ++i) packed.first()[y * kStride + i] = static_cast<uint8_t>(rng());
     }
+
+    // Gray rising from the top left corner to the bottom right, dithered
+    // with the 8 x 8 Bayer matrix (the 2 x 2 one applied to each bit of the
+    // position, the lowest bit weighing most).
+    void draw_halftone() {
+        int bayer[8][8];
+        for (int y = 0; y < 8; ++y)
+            for (int x = 0; x < 8; ++x) {
+                int v = 0;
+                for (int bit = 0; bit < 3; ++bit) {
+                    const int a = (x >> bit) & 1, b = (y >> bit) & 1;
+                    v = v * 4 + ((a ^ b) << 1 | b);
+                }
+                bayer[y][x] = v;
+            }
+        for (uint32_t y = 0; y < kHeight; ++y)
+            for (uint32_t x = 0; x < kWidth; ++x) {
+                const auto level = static_cast<int>((uint64_t{x} * 64 / kWidth + uint64_t{y} * 64 / kHeight) / 2);
+                if (bayer[y % 8][x % 8] < level)
+                    packed.first()[y * kStride + x / 8] |= static_cast<uint8_t>(0x80 >> x % 8);
+            }
+    }
 };
 
-Page& text_page() {
-    static Page page(true);
-    return page;
-}
+constexpr int64_t kPages = 3;
 
-Page& noise_page() {
-    static Page page(false);
-    return page;
+Page& page(int64_t which) {
+    static Page text(0), noise(1), halftone(2);
+    return which == 0 ? text : which == 1 ? noise : halftone;
 }
-
-Page& page(int64_t which) { return which == 0 ? text_page() : noise_page(); }
-const char* page_name(int64_t which) { return which == 0 ? "text" : "noise"; }
+Page& text_page() { return page(0); }
+const char* page_name(int64_t which) { return which == 0 ? "text" : which == 1 ? "noise" : "halftone"; }
 
 void BM_MemcpyPacked(benchmark::State& state) {
     Page& p = text_page();
@@ -164,7 +186,7 @@ void BM_Flip(benchmark::State& state) {
 int main(int argc, char** argv) {
     using zkbench::repeated;
     repeated(benchmark::RegisterBenchmark("memcpy_packed_page", BM_MemcpyPacked))->Unit(benchmark::kMicrosecond);
-    for (int64_t which : {0, 1}) {
+    for (int64_t which = 0; which < kPages; ++which) {
         const std::string name = page_name(which);
         repeated(benchmark::RegisterBenchmark(("compress/" + name).c_str(), BM_Compress, which))
             ->Unit(benchmark::kMicrosecond);
@@ -182,8 +204,8 @@ int main(int argc, char** argv) {
     std::printf("\n%u x %u 1-bit page (%zu packed bytes), %s kernels, processor supports %s, %s:\n", kWidth, kHeight,
                 kPacked, zk::platform::cpu_tier_name(zk::platform::cpu_tier()),
                 zk::platform::cpu_tier_name(zk::platform::cpu_tier_supported()), zkbench::processor_model().c_str());
-    for (int64_t which : {0, 1})
-        std::printf("  %-5s page: %.2f %% black, run-length rows %zu bytes = %.1f %% of packed\n", page_name(which),
+    for (int64_t which = 0; which < kPages; ++which)
+        std::printf("  %-8s page: %.2f %% black, run-length rows %zu bytes = %.1f %% of packed\n", page_name(which),
                     100 * page(which).black, page(which).run_bytes, 100.0 * page(which).run_bytes / kPacked);
     auto line = [&](const char* label, const std::string& key, size_t bytes) {
         if (const auto* t = reporter.find(key))
@@ -192,7 +214,7 @@ int main(int argc, char** argv) {
                         t->cpu_median > 0 ? bytes / t->cpu_median / 1e9 : 0.0);
     };
     line("memcpy of the packed page", "memcpy_packed_page", kPacked);
-    for (int64_t which : {0, 1})
+    for (int64_t which = 0; which < kPages; ++which)
         for (const char* op : {"compress", "expand"}) {
             const std::string key = std::string(op) + "/" + page_name(which);
             line(key.c_str(), key, kPacked);
@@ -200,7 +222,7 @@ int main(int argc, char** argv) {
     line("memcpy of the text page's runs", "memcpy_text_runs", text_page().run_bytes);
     line("flip/text (bytes of runs)", "flip/text", text_page().run_bytes);
     std::printf("\nRatios to a copy of the same bytes:\n");
-    for (int64_t which : {0, 1})
+    for (int64_t which = 0; which < kPages; ++which)
         for (const char* op : {"compress", "expand"}) {
             const std::string key = std::string(op) + "/" + page_name(which);
             reporter.print_ratio(key, key, "memcpy_packed_page");
