@@ -805,6 +805,12 @@ struct Run {
             d->live = true;
         }
         if (typed) check_kind(d->b, type);
+        if (d->b.Flags & BF_COMPRESSED) {  // run-length rows: not this model's (see after_allocation)
+            check(before.BitsPerPixel == 1);
+            if (!in_place) verify(*s);
+            release(*d);
+            return;
+        }
         if (faults.armed) {
             check(d->b.Width == static_cast<int32_t>(w) && d->b.Height == static_cast<int32_t>(h));
             resync(*d);
@@ -931,6 +937,14 @@ struct Run {
         check(d->b.Width == before.Width && d->b.Height == before.Height && d->b.BitsPerPixel == before.BitsPerPixel);
         check_geometry(d->b);
         if (typed) check_kind(d->b, type);
+        if (d->b.Flags & BF_COMPRESSED) {
+            // A copy into run-length rows (see after_allocation): not this
+            // model's; the source must be untouched.
+            check(before.BitsPerPixel == 1);
+            release(*d);
+            verify(*s);
+            return;
+        }
         if (faults.armed) {
             resync(*d);
         } else {
