@@ -24,13 +24,14 @@
 #include "bench_support.h"
 #include "core/platform/cpu.h"
 #include "core/run_length.h"
+#include "text_page.h"
 #include "zkernel.h"
 
 namespace {
 
-constexpr uint32_t kWidth = 2480, kHeight = 3508;
-constexpr size_t kStride = (kWidth + 31) / 32 * 4;
-constexpr size_t kPacked = kStride * kHeight;
+constexpr uint32_t kWidth = zkbench::kPageWidth, kHeight = zkbench::kPageHeight;
+constexpr size_t kStride = zkbench::kPageStride;
+constexpr size_t kPacked = zkbench::kPageBytes;
 
 // A packed page, room for its run-length rows, and a second buffer of each
 // for results.
@@ -44,7 +45,7 @@ struct Page {
     explicit Page(int kind) {
         std::memset(packed.first(), 0, kPacked);
         if (kind == 0)
-            draw_text();
+            zkbench::draw_text_page(packed.first());
         else if (kind == 1)
             fill_noise();
         else
@@ -59,41 +60,6 @@ struct Page {
         const uint8_t* r = runs.first();
         for (uint32_t y = 0; y < kHeight; ++y) r += zk::rle::row_bytes(r);
         run_bytes = static_cast<size_t>(r - runs.first());
-    }
-
-    void box(uint32_t x, uint32_t y, uint32_t w, uint32_t h) {
-        for (uint32_t j = y; j < y + h && j < kHeight; ++j)
-            for (uint32_t i = x; i < x + w && i < kWidth; ++i)
-                packed.first()[j * kStride + i / 8] |= static_cast<uint8_t>(0x80 >> i % 8);
-    }
-
-    // 10-point text: lines 54 pixels apart inside margins of an inch (300
-    // pixels), letters 16-26 pixels wide with an x-height of 20, made of
-    // stems and bars 3-4 pixels thick, some with an ascender or a descender;
-    // words of 2-9 letters; paragraphs of 8 lines with an indented first and
-    // a short last line, a blank line between them.
-    void draw_text() {
-        std::mt19937 rng(2024);
-        auto pick = [&rng](uint32_t lo, uint32_t hi) { return lo + rng() % (hi - lo + 1); };
-        const uint32_t left = 300, right = kWidth - 300;
-        for (uint32_t line = 0, base = 330; base + 30 < kHeight - 300; base += 54, ++line) {
-            if (line % 9 == 8) continue;
-            const uint32_t end = line % 9 == 7 ? pick(left + 300, right) : right;
-            for (uint32_t x = left + (line % 9 == 0 ? 80 : 0); x + 26 < end;) {
-                const uint32_t letters = pick(2, 9);
-                for (uint32_t l = 0; l < letters && x + 26 < end; ++l) {
-                    const uint32_t w = pick(16, 26), t = 3 + (rng() % 4 == 0), top = base - 20;
-                    const uint32_t shape = rng() % 6;
-                    box(x, shape == 4 ? base - 30 : top, t, shape == 4 ? 30 : 20);     // stem, or ascender
-                    if (shape != 1) box(x + w - t - 2, top, t, shape == 5 ? 28 : 20);  // stem, or descender
-                    if (shape % 2 == 0) box(x, top, w - 2, t);                         // top bar
-                    if (shape == 2 || shape == 3) box(x, base - t, w - 2, t);          // bottom bar
-                    if (shape == 3) box(x, top + 9, w - 2, t);                         // middle bar
-                    x += w + pick(3, 5);
-                }
-                x += pick(12, 20);
-            }
-        }
     }
 
     void fill_noise() {

@@ -24,7 +24,7 @@ const Command* const kCommands[] = {
     &kDemo, &kInfo, &kConvert, &kFlip, &kMirror, &kRotate, &kOrient, &kResize, &kGray, &kRle, &kAlpha,
 };
 
-const OptionSpec kGlobalOptions[] = {
+const OptionInfo kGlobalOptions[] = {
     {"quiet", "", "no progress bar (it is also off when standard error is not a terminal)"},
     {"temp-dir", "DIR", "directory for the temporary files of tiled and disk storage"},
     {"memory-limit", "SIZE",
@@ -38,7 +38,7 @@ const Command* find_command(const std::string& name) {
     return nullptr;
 }
 
-void print_option(std::FILE* out, const OptionSpec& o) {
+void print_option(std::FILE* out, const OptionInfo& o) {
     std::string left = std::string("--") + o.name + (o.value[0] ? std::string(" ") + o.value : "");
     std::fprintf(out, "  %-24s %s\n", left.c_str(), o.help);
 }
@@ -49,7 +49,7 @@ void print_usage(std::FILE* out) {
                  "zkernel imaging library.\n\ncommands:\n");
     for (const Command* c : kCommands) std::fprintf(out, "  %-10s %s\n", c->name, c->summary);
     std::fprintf(out, "\noptions for every command:\n");
-    for (const OptionSpec& o : kGlobalOptions) print_option(out, o);
+    for (const OptionInfo& o : kGlobalOptions) print_option(out, o);
     std::fprintf(out, "\nexamples:\n");
     for (const Command* c : kCommands) std::fprintf(out, "  %s\n", c->example);
     std::fprintf(out, "\n'zk COMMAND --help' lists the options of a command.\n");
@@ -59,18 +59,18 @@ void print_command_help(std::FILE* out, const Command& c) {
     std::fprintf(out, "usage: zk %s [OPTIONS] %s\n\n%s\n", c.name, c.synopsis, c.summary);
     if (!c.options.empty()) {
         std::fprintf(out, "\noptions:\n");
-        for (const OptionSpec& o : c.options) print_option(out, o);
+        for (const OptionInfo& o : c.options) print_option(out, o);
     }
     std::fprintf(out, "\noptions for every command:\n");
-    for (const OptionSpec& o : kGlobalOptions) print_option(out, o);
+    for (const OptionInfo& o : kGlobalOptions) print_option(out, o);
     std::fprintf(out, "\nexample:\n  %s\n", c.example);
 }
 
-const OptionSpec* find_option(const Command* c, const std::string& name) {
-    for (const OptionSpec& o : kGlobalOptions)
+const OptionInfo* find_option(const Command* c, const std::string& name) {
+    for (const OptionInfo& o : kGlobalOptions)
         if (name == o.name) return &o;
     if (c)
-        for (const OptionSpec& o : c->options)
+        for (const OptionInfo& o : c->options)
             if (name == o.name) return &o;
     return nullptr;
 }
@@ -125,14 +125,14 @@ int main(int argc, char** argv) {
                     name = name.substr(0, eq);
                     has_value = true;
                 }
-                const OptionSpec* spec = find_option(command, name);
-                if (!spec)
+                const OptionInfo* known = find_option(command, name);
+                if (!known)
                     throw UsageError("unknown option '" + a + "'" +
                                      (command ? std::string(" for zk ") + command->name : std::string()));
-                if (spec->value[0] && !has_value) {
-                    if (i + 1 >= argc) throw UsageError("option --" + name + " needs a value (" + spec->value + ")");
+                if (known->value[0] && !has_value) {
+                    if (i + 1 >= argc) throw UsageError("option --" + name + " needs a value (" + known->value + ")");
                     value = argv[++i];
-                } else if (!spec->value[0] && has_value) {
+                } else if (!known->value[0] && has_value) {
                     throw UsageError("option --" + name + " takes no value");
                 }
                 args.options[name] = value;

@@ -32,7 +32,7 @@ void check(int32_t status, const std::string& what, const std::string& hint = ""
 
 // One option a command accepts: "--name" with a value placeholder (empty for
 // a switch) and a line of help.
-struct OptionSpec {
+struct OptionInfo {
     const char* name;
     const char* value;
     const char* help;
@@ -54,7 +54,7 @@ struct Command {
     const char* name;
     const char* synopsis;  // "IN OUT" etc.
     const char* summary;   // one line
-    std::vector<OptionSpec> options;
+    std::vector<OptionInfo> options;
     const char* example;
     int (*run)(const Args& args);
 };
